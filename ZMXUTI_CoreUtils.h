@@ -1,0 +1,10 @@
+// ZMXUTI_CoreUtils: the one header clients include.
+#ifndef ZMXUTI_CORE_UTILS_H
+#define ZMXUTI_CORE_UTILS_H
+
+#include "core/export.h"
+#include "core/startup.h"
+#include "mem/allocation.h"
+#include "mem/general_heap.h"
+
+#endif  // ZMXUTI_CORE_UTILS_H

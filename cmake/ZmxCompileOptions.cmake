@@ -1,0 +1,11 @@
+# Warning and sanitizer flags shared by the library, its tests, examples and tools.
+function(zmx_apply_compile_options target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wno-unused-parameter)
+  if(ZMX_WARNINGS_AS_ERRORS)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  if(ZMX_UBSAN)
+    target_compile_options(${target} PRIVATE -fsanitize=undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=undefined)
+  endif()
+endfunction()

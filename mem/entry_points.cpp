@@ -1,0 +1,87 @@
+// The plain C entry points of the front door: mem_Malloc and its family, the
+// direct heap calls and the heap queries.
+#include <cstdint>
+
+#include "mem/allocation.h"
+#include "mem/internal/alloc_table.h"
+#include "mem/internal/small_object_hooks.h"
+#include "mem/internal/tracker_hooks.h"
+
+using namespace zmx::mem_internal;
+
+namespace {
+
+// Each entry point's own cached tracking mode.
+int g_trackMalloc = 0;
+int g_trackFree = 0;
+int g_trackRealloc = 0;
+int g_trackCalloc = 0;
+int g_trackRelease = 0;
+int g_trackAcquire = 0;
+
+// mem_Free and mem_Realloc leave addresses below one page to the heap.
+inline bool IsSmallObjectForMemFree(const void* block) {
+  return g_switches.tinyForMemFree && reinterpret_cast<std::uintptr_t>(block) >= kSmallPageSize &&
+         HasSmallObjectMark(block);
+}
+
+}  // namespace
+
+extern "C" {
+
+void* mem_Malloc(std::size_t size) {
+  void* block = (g_switches.tinyForMemMalloc && size < 129) ? g_smallObjects.allocate(size, true)
+                                                            : g_table.malloc(size);
+  if (ZMX_UNLIKELY(TrackingOn(g_trackMalloc))) Tracker().RecordMalloc(block, size);
+  return block;
+}
+
+void mem_Free(void* block) {
+  if (ZMX_UNLIKELY(TrackingOn(g_trackFree))) Tracker().RecordFree(block);
+  if (IsSmallObjectForMemFree(block))
+    g_smallObjects.free(block);
+  else
+    g_table.free(block);
+}
+
+void* mem_Realloc(void* block, std::size_t size) {
+  void* result = IsSmallObjectForMemFree(block) ? g_smallObjects.reallocate(block, size)
+                                                : g_table.realloc(block, size);
+  if (ZMX_UNLIKELY(TrackingOn(g_trackRealloc))) Tracker().RecordRealloc(result, block, size);
+  return result;
+}
+
+void* mem_Calloc(std::size_t count, std::size_t size) {
+  void* block = g_table.calloc(count, size);
+  if (ZMX_UNLIKELY(TrackingOn(g_trackCalloc))) Tracker().RecordCalloc(block, count, size);
+  return block;
+}
+
+void mem_Release(void* block) {
+  if (TrackingOn(g_trackRelease)) Tracker().RecordRelease(block);
+}
+
+void mem_Acquire(void* block) {
+  if (TrackingOn(g_trackAcquire)) Tracker().RecordAcquire(block);
+}
+
+void* mem_cMalloc(std::size_t size) { return g_table.malloc(size); }
+void mem_cFree(void* block) { g_table.free(block); }
+
+int mem_Trim(std::size_t pad) { return g_table.trim(pad); }
+int mem_Mallopt(int parameter, int value) { return g_table.mallopt(parameter, value); }
+std::size_t mem_Footprint() { return g_table.footprint(); }
+std::size_t mem_MaxFootprint() { return g_table.maxFootprint(); }
+std::size_t mem_MemoryLimit() { return g_table.memoryLimit(); }
+int mem_ErrorMemoryLimit() { return g_table.errorMemoryLimit(); }
+std::size_t mem_FragmentationInfo() { return g_table.fragmentationInfo(); }
+
+mem_DLMallinfoRec mem_DLMallinfo() {
+  const dl_mallinfo info = g_table.mallinfo();
+  return mem_DLMallinfoRec{info.arena,    info.ordblks,  info.hblkhd,  info.usmblks,
+                           info.uordblks, info.fordblks, info.keepcost};
+}
+
+bool mem_UseDL() { return g_switches.useGeneralHeap; }
+
+}  // extern "C"

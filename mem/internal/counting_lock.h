@@ -1,0 +1,55 @@
+// The counting lock of the general heap and the small-object allocator: an
+// atomic counter plus an auto-reset event created on first contention.
+#ifndef ZMXUTI_MEM_INTERNAL_COUNTING_LOCK_H
+#define ZMXUTI_MEM_INTERNAL_COUNTING_LOCK_H
+
+#include <atomic>
+#include <cstdint>
+
+#include "core/export.h"
+#include "platform/platform.h"
+
+namespace zmx {
+namespace mem_internal {
+
+// Constant-initialised, so it is usable before any static constructor runs.
+class CountingLock {
+ public:
+  constexpr CountingLock() = default;
+  CountingLock(const CountingLock&) = delete;
+  CountingLock& operator=(const CountingLock&) = delete;
+
+  void Acquire() {
+    // The holder is the one that took the counter from 0 to 1; later arrivals queue on the event.
+    if (ZMX_UNLIKELY(counter_.fetch_add(1, std::memory_order_acquire) + 1 >= 2)) WaitTurn();
+  }
+  void Release() {
+    if (ZMX_UNLIKELY(counter_.fetch_sub(1, std::memory_order_release) - 1 > 0)) HandOver();
+  }
+  // Forgets the event and zeroes the counter (used when an owner is re-created).
+  void Reset() {
+    counter_.store(0, std::memory_order_relaxed);
+    event_.store(nullptr, std::memory_order_relaxed);
+  }
+
+ private:
+  platform::Event* EnsureEvent() {
+    platform::Event* e = event_.load(std::memory_order_acquire);
+    if (e) return e;
+    platform::Event* mine = platform::CreateAutoResetEvent();
+    platform::Event* expected = nullptr;
+    if (event_.compare_exchange_strong(expected, mine, std::memory_order_acq_rel)) return mine;
+    platform::CloseEvent(mine);  // another thread installed its event first
+    return expected;
+  }
+  ZMX_NOINLINE void WaitTurn() { platform::WaitEvent(EnsureEvent()); }
+  ZMX_NOINLINE void HandOver() { platform::SignalEvent(EnsureEvent()); }
+
+  std::atomic<std::int32_t> counter_{0};
+  std::atomic<platform::Event*> event_{nullptr};
+};
+
+}  // namespace mem_internal
+}  // namespace zmx
+
+#endif  // ZMXUTI_MEM_INTERNAL_COUNTING_LOCK_H

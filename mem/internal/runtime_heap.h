@@ -1,0 +1,29 @@
+// The runtime library's heap, as table entries (also the stand-in filling of
+// heaps that are not built yet).
+#ifndef ZMXUTI_MEM_INTERNAL_RUNTIME_HEAP_H
+#define ZMXUTI_MEM_INTERNAL_RUNTIME_HEAP_H
+
+#include <cstddef>
+
+#include "mem/general_heap.h"
+
+namespace zmx {
+namespace mem_internal {
+
+void* RuntimeMalloc(std::size_t size);
+void* RuntimeCalloc(std::size_t count, std::size_t size);
+void* RuntimeRealloc(void* block, std::size_t size);
+void RuntimeFree(void* block);
+void* RuntimeMemalign(std::size_t alignment, std::size_t size);
+
+// The query slots of a heap that keeps no statistics: all return 0.
+int NoTrim(std::size_t pad);
+int NoMallopt(int parameter, int value);
+std::size_t NoSize();
+dl_mallinfo NoMallinfo();
+int NoStatus();
+
+}  // namespace mem_internal
+}  // namespace zmx
+
+#endif  // ZMXUTI_MEM_INTERNAL_RUNTIME_HEAP_H

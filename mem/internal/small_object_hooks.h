@@ -1,0 +1,34 @@
+// The small-object allocator as the front door sees it: four operations that
+// the allocator's implementation installs. Until one is installed, the default
+// serves small requests from the chosen heap (unmarked blocks, so they are
+// never routed back here).
+#ifndef ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_HOOKS_H
+#define ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_HOOKS_H
+
+#include <cstddef>
+
+#include "core/export.h"
+
+namespace zmx {
+namespace mem_internal {
+
+struct SmallObjectOps {
+  // A block for 0..128 bytes, or null. Creates the allocator on first use.
+  void* (*allocate)(std::size_t size, bool lockWanted);
+  // Returns a block whose page carries the small-object mark.
+  void (*free)(void* block);
+  // Reallocates a marked block (size 0 frees and returns null).
+  void* (*reallocate)(void* block, std::size_t size);
+  // Creates the allocator if need be and sets its locking switch.
+  void (*setLocking)(bool on);
+};
+
+extern SmallObjectOps g_smallObjects;
+
+// Installs `ops` (all four set); returns the previous operations.
+ZMXUTI_INTERNAL_API SmallObjectOps InstallSmallObjectOps(const SmallObjectOps& ops);
+
+}  // namespace mem_internal
+}  // namespace zmx
+
+#endif  // ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_HOOKS_H

@@ -1,0 +1,33 @@
+// The runtime heap filling of the allocation table.
+#include "mem/internal/runtime_heap.h"
+
+#include <cstdlib>
+
+#include "mem/internal/alloc_table.h"
+
+namespace zmx {
+namespace mem_internal {
+
+void* RuntimeMalloc(std::size_t size) { return std::malloc(size); }
+void* RuntimeCalloc(std::size_t count, std::size_t size) { return std::calloc(count, size); }
+void* RuntimeRealloc(void* block, std::size_t size) { return std::realloc(block, size); }
+void RuntimeFree(void* block) { std::free(block); }
+void* RuntimeMemalign(std::size_t alignment, std::size_t size) {
+  void* block = nullptr;
+  return posix_memalign(&block, alignment, size) == 0 ? block : nullptr;
+}
+
+int NoTrim(std::size_t) { return 0; }
+int NoMallopt(int, int) { return 0; }
+std::size_t NoSize() { return 0; }
+dl_mallinfo NoMallinfo() { return dl_mallinfo{}; }
+int NoStatus() { return 0; }
+
+const AllocTable kRuntimeHeapTable = {
+    RuntimeMalloc, RuntimeCalloc, RuntimeRealloc, RuntimeFree, NoTrim,  NoMallopt,
+    NoSize,        NoSize,        NoSize,         NoMallinfo,  NoStatus, NoSize,
+    RuntimeMemalign,
+};
+
+}  // namespace mem_internal
+}  // namespace zmx

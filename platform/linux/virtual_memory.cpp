@@ -1,0 +1,26 @@
+// Linux virtual memory for the platform contract: mmap/munmap and the page size.
+#include "platform/platform.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace zmx {
+namespace platform {
+
+std::size_t PageSize() {
+  static const std::size_t size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  return size;
+}
+
+std::size_t AllocationGranularity() { return PageSize(); }
+
+void* MapMemory(std::size_t size, bool /*fromTop*/) {
+  // Linux hands out mappings from the top of the address space already.
+  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return p == MAP_FAILED ? nullptr : p;
+}
+
+bool UnmapMemory(void* address, std::size_t size) { return munmap(address, size) == 0; }
+
+}  // namespace platform
+}  // namespace zmx
