@@ -6,5 +6,7 @@
 #include "core/startup.h"
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
+#include "strings/string_rep.h"
+#include "strings/string_base.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H
