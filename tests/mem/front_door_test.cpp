@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <set>
 #include <vector>
@@ -272,6 +273,7 @@ TEST(AllocationOperators, ClassOperatorsGoThroughTheSizeCheckingEntries) {
 TEST(PageMark, RecognisesOnlyAPageThatNamesItselfFollowedByTheMarkWord) {
   using zmx::mem_internal::HasSmallObjectMark;
   void* raw = std::aligned_alloc(4096, 3 * 4096);
+  std::memset(raw, 0, 3 * 4096);
   auto* page = static_cast<unsigned char*>(raw) + 4096;
   auto* words = reinterpret_cast<std::uint64_t*>(page);
   words[0] = reinterpret_cast<std::uintptr_t>(page);
