@@ -69,16 +69,30 @@ struct ByteSet {
   bool member[256];
 };
 
-// Length of the multi-byte character at text (at most 4 bytes, never past the
-// end); an invalid sequence (-1) or a NUL byte counts as one byte.
-inline int CharacterBytes(const char* text, int remaining) {
-  const int k = std::mblen(text, static_cast<std::size_t>(std::min(4, remaining)));
-  if (k <= 0) {
-    std::mblen(nullptr, 0);  // an invalid sequence leaves the shift state undefined
-    return 1;
+// Walks the characters of the current runtime locale: the length of the
+// character at text is asked of mblen (at most 4 bytes, never past the end),
+// and an invalid sequence (-1) or a NUL byte counts as one byte. mblen is
+// slow, so it is skipped where its answer is known: in single-byte locales
+// every byte is one character, and in stateless multi-byte encodings (UTF-8
+// and the other ASCII-compatible ones) so is every byte below 0x80.
+class CharacterWalker {
+ public:
+  CharacterWalker() : m_singleByte(MB_CUR_MAX == 1), m_stateless(std::mblen(nullptr, 0) == 0) {}
+
+  int Bytes(const char* text, int remaining) const {
+    if (m_singleByte || (m_stateless && static_cast<unsigned char>(*text) < 0x80)) return 1;
+    const int k = std::mblen(text, static_cast<std::size_t>(std::min(4, remaining)));
+    if (k <= 0) {
+      std::mblen(nullptr, 0);  // an invalid sequence leaves the shift state undefined
+      return 1;
+    }
+    return k;
   }
-  return k;
-}
+
+ private:
+  bool m_singleByte;
+  bool m_stateless;
+};
 
 // A copy of source bytes that lie inside the text being edited, so that moving
 // or freeing that text cannot pull them away.
@@ -454,12 +468,12 @@ void atr_StringBase::Trim(const char* set) {
 void atr_StringBase::ChangeCase(bool toUpper) {
   const int length = Length();
   if (length == 0) return;
-  std::mblen(nullptr, 0);
+  const CharacterWalker walker;
   // Find the first character to change before copying anything.
   int i = 0;
   bool isolated = false;
   while (i < length) {
-    const int k = CharacterBytes(CStr() + i, length - i);
+    const int k = walker.Bytes(m_text + i, length - i);
     if (k == 1) {
       const int c = static_cast<unsigned char>(m_text[i]);
       if (toUpper ? std::islower(c) : std::isupper(c)) {
@@ -481,9 +495,8 @@ void atr_StringBase::ToUpper() { ChangeCase(true); }
 void atr_StringBase::Capitalize() {
   const int length = Length();
   if (length == 0) return;
-  std::mblen(nullptr, 0);
   const int c = static_cast<unsigned char>(m_text[0]);
-  if (CharacterBytes(m_text, length) == 1 && std::islower(c)) {
+  if (CharacterWalker().Bytes(m_text, length) == 1 && std::islower(c)) {
     isolate(length);
     m_text[0] = static_cast<char>(c - 32);
   }
@@ -492,9 +505,8 @@ void atr_StringBase::Capitalize() {
 void atr_StringBase::Uncapitalize() {
   const int length = Length();
   if (length == 0) return;
-  std::mblen(nullptr, 0);
   const int c = static_cast<unsigned char>(m_text[0]);
-  if (CharacterBytes(m_text, length) == 1 && std::isupper(c)) {
+  if (CharacterWalker().Bytes(m_text, length) == 1 && std::isupper(c)) {
     isolate(length);
     m_text[0] = static_cast<char>(c + 32);
   }

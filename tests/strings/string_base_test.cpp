@@ -3,6 +3,7 @@
 // trimming and substitution.
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <cstring>
 #include <string>
 
@@ -399,6 +400,21 @@ TEST(StringCase, OneByteLettersChangeByThirtyTwo) {
   TestString high("\xff" "a\xc3\xa9z");
   high.ToUpper();
   EXPECT_EQ(high.Str(), "\xff" "A\xc3\xa9Z");
+
+  // In a UTF-8 locale the walk steps over whole characters, valid or not.
+  const std::string previous = std::setlocale(LC_CTYPE, nullptr);
+  if (std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr) {
+    TestString utf8("\xc3\xa9t\xc3\xa9 \xe2\x82\xac x \xc3" "b");
+    utf8.ToUpper();
+    EXPECT_EQ(utf8.Str(), "\xc3\xa9T\xc3\xa9 \xe2\x82\xac X \xc3" "B");
+    utf8.ToLower();
+    EXPECT_EQ(utf8.Str(), "\xc3\xa9t\xc3\xa9 \xe2\x82\xac x \xc3" "b");
+    TestString accent("\xc3\xa9t\xc3\xa9");
+    TestString sharer(accent);
+    accent.Capitalize();  // first character is two bytes: untouched, still shared
+    EXPECT_EQ(accent.Rep(), sharer.Rep());
+    std::setlocale(LC_CTYPE, previous.c_str());
+  }
 }
 
 TEST(StringPrv, PublicHandleSharesAndHandsOver) {
