@@ -6,5 +6,7 @@
 #include "core/startup.h"
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
+#include "strings/natural_order.h"
+#include "strings/utf8.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H

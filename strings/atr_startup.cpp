@@ -1,6 +1,7 @@
 // Start-up and shut-down of the strings and translation component.
 #include "core/internal/use_counter.h"
 #include "core/startup.h"
+#include "strings/internal/i18n_lifecycle.h"
 
 namespace {
 int g_atrUseCount = 0;
@@ -8,5 +9,5 @@ int g_atrUseCount = 0;
 
 // Locale set-up and dictionary loading join the start-up work; the string
 // statistics report and dictionary release join the shut-down work.
-void atr_initialize(int& depth) { zmx::core_internal::StartUp(g_atrUseCount, depth, zmx::core_internal::NoWork); }
-void atr_finalize(int& depth) { zmx::core_internal::ShutDown(g_atrUseCount, depth, zmx::core_internal::NoWork); }
+void atr_initialize(int& depth) { zmx::core_internal::StartUp(g_atrUseCount, depth, zmx::strings_internal::I18nStartUp); }
+void atr_finalize(int& depth) { zmx::core_internal::ShutDown(g_atrUseCount, depth, zmx::strings_internal::I18nShutDown); }
