@@ -184,7 +184,7 @@ const unsigned char* Utf8Prev(const unsigned char* begin, const unsigned char* p
 #if defined(__SSE2__)
 __attribute__((no_sanitize("address"))) std::size_t AsciiRunLength(const unsigned char* s) {
   const unsigned char* p = s;
-  while ((reinterpret_cast<std::uintptr_t>(p) & 15) != 0) {
+  while ((reinterpret_cast<std::uintptr_t>(p) & 31) != 0) {
     if (*p == 0 || *p >= 0x80) return static_cast<std::size_t>(p - s);
     ++p;
   }

@@ -21,7 +21,7 @@ ZMXUTI_INTERNAL_API const unsigned char* Utf8Next(const unsigned char* s);
 ZMXUTI_INTERNAL_API const unsigned char* Utf8Prev(const unsigned char* begin, const unsigned char* pos);
 
 // Number of bytes from s up to the first byte that is NUL or above 0x7F.
-// Reads whole aligned 16-byte blocks, which never cross a page boundary.
+// Reads whole aligned 32-byte blocks, which never cross a page boundary.
 ZMXUTI_INTERNAL_API std::size_t AsciiRunLength(const unsigned char* s);
 
 }  // namespace strings_internal

@@ -2,6 +2,9 @@
 // small independent model of the encodings and on hand-picked texts.
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <clocale>
 #include <cstdint>
 #include <cstring>
@@ -187,8 +190,8 @@ TEST(Utf8Validation, AgreesWithTheModelOnRandomTexts) {
 TEST(Utf8Validation, OneBadByteIsFoundAtEveryOffsetAndAlignmentOfALongAsciiText) {
   // The ASCII fast path reads aligned blocks: every position relative to a block
   // boundary must still be seen, as must the NUL that ends the text.
-  std::vector<unsigned char> buffer(256 + 64);
-  for (int start = 0; start < 32; ++start) {
+  std::vector<unsigned char> buffer(256 + 128);
+  for (int start = 0; start < 64; ++start) {
     for (int length = 0; length < 100; ++length) {
       unsigned char* text = buffer.data() + start;
       std::memset(text, 'x', static_cast<size_t>(length));
@@ -204,6 +207,31 @@ TEST(Utf8Validation, OneBadByteIsFoundAtEveryOffsetAndAlignmentOfALongAsciiText)
       }
     }
   }
+}
+
+TEST(Utf8Validation, ATextEndingRightBeforeAnUnreadablePageIsReadSafely) {
+  // The block reads must stay inside the page that holds the terminating NUL.
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  void* map = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(map, MAP_FAILED);
+  unsigned char* base = static_cast<unsigned char*>(map);
+  ASSERT_EQ(mprotect(base + page, page, PROT_NONE), 0);
+  std::memset(base, 'a', page);
+  for (size_t tail = 1; tail <= 80; ++tail) {
+    unsigned char* text = base + page - tail;
+    text[tail - 1] = 0;
+    ASSERT_TRUE(atr_encoding_validate(atr_EncodingUtf8, base + page - 100 - tail));
+    ASSERT_EQ(zmx::strings_internal::AsciiRunLength(text), tail - 1);
+    if (tail >= 3) {
+      text[tail - 3] = 0xC3;
+      text[tail - 2] = 0xA9;
+      ASSERT_EQ(atr_utf8_to_encoding(atr_EncodingLatin1, nullptr, text, 0), static_cast<int>(tail) - 2);
+      text[tail - 3] = 'a';
+      text[tail - 2] = 'a';
+    }
+    text[tail - 1] = 'a';
+  }
+  munmap(map, 2 * page);
 }
 
 TEST(Latin1, ValidationRejectsDelAndTheC1RangeOnly) {
