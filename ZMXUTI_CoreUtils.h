@@ -8,6 +8,7 @@
 #include "mem/general_heap.h"
 #include "strings/string_rep.h"
 #include "strings/string_base.h"
+#include "strings/locale.h"
 #include "strings/natural_order.h"
 #include "strings/utf8.h"
 
