@@ -11,5 +11,7 @@
 #include "strings/locale.h"
 #include "strings/natural_order.h"
 #include "strings/utf8.h"
+#include "strings/translatable_string.h"
+#include "strings/translate.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H
