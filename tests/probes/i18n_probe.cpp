@@ -84,6 +84,28 @@ void ExtraInLocale() {
   Testing();
 }
 
+// The example program's messages through the dictionary the environment names.
+void French() {
+  atr_tr_enable(true);
+  atr_translate up("ZMXUTI_CoreUtils is up (depth %d), serving from the %s.");
+  atr_SubstituteFormat(up, 1, 6);
+  atr_SubstituteFormat(up, 2, "general heap");
+  std::printf("%s\n", up.Result().CStr());
+  std::printf("%s\n", atr_raw("Allocating through each entry point:").CStr());
+  atr_translate found("Found %d errors in %s");
+  atr_SubstituteFormat(found, 1, 3);
+  atr_SubstituteFormat(found, 2, "a.inp");
+  std::printf("%s\n", found.Result().CStr());
+  std::printf("%s\n", atr_raw("Line one\nLine two").CStr());
+  atr_translate quoted("Quoted \"%s\"");
+  atr_SubstituteFormat(quoted, 1, "x");
+  std::printf("%s\n", quoted.Result().CStr());
+  std::printf("%s\n", atr_raw("Not in the dictionary").CStr());
+  atr_translate down("Down again (depth %d).");
+  atr_SubstituteFormat(down, 1, 0);
+  std::printf("%s\n", down.Result().CStr());
+}
+
 struct Scenario {
   const char* name;
   void (*run)();
@@ -96,6 +118,7 @@ const Scenario kScenarios[] = {
     {"reload", Reload},
     {"testing", Testing},
     {"extra_in_locale", ExtraInLocale},
+    {"french", French},
 };
 
 }  // namespace
