@@ -8,5 +8,10 @@
 #include "mem/general_heap.h"
 #include "strings/string_rep.h"
 #include "strings/string_base.h"
+#include "strings/locale.h"
+#include "strings/natural_order.h"
+#include "strings/utf8.h"
+#include "strings/translatable_string.h"
+#include "strings/translate.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H
