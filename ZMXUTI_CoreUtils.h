@@ -6,5 +6,9 @@
 #include "core/startup.h"
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
+#include "streams/ios.h"
+#include "streams/istream.h"
+#include "streams/ostream.h"
+#include "streams/standard_streams.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H
