@@ -53,13 +53,9 @@ void aio_ostream::finishFormatted(int written, bool usedWidth) {
   if (usedWidth) widthUsed();
 }
 
-aio_ostream& aio_ostream::print(const char* s) {
+aio_ostream& aio_ostream::printSlow(const char* s) {
   if (!stream_ || !s) {
     failOutput();
-    return *this;
-  }
-  if (width_ == 0) {
-    if (std::fputs(s, stream_) < 0) failOutput();
     return *this;
   }
   finishFormatted(PrintPadded(stream_, kStringFormats, PaddingOf(flags_, width_), width_, s), true);
@@ -129,17 +125,12 @@ aio_ostream& aio_ostream::print_address(const void* p) {
   return *this;
 }
 
-aio_ostream& aio_ostream::put(char c) {
+aio_ostream& aio_ostream::putSlow(char c) {
   if (!stream_) {
     failOutput();
     return *this;
   }
-  if (width_ != 0 && c != '\n') {
-    finishFormatted(PrintPadded(stream_, kCharFormats, PaddingOf(flags_, width_), width_, static_cast<int>(c)),
-                    true);
-    return *this;
-  }
-  if (std::fputc(c, stream_) == EOF) failOutput();
+  finishFormatted(PrintPadded(stream_, kCharFormats, PaddingOf(flags_, width_), width_, static_cast<int>(c)), true);
   return *this;
 }
 

@@ -26,7 +26,13 @@ class ZMXUTI_API aio_ostream : public aio_ios {
   constexpr aio_ostream() noexcept = default;
 
   // fputs without a width; "%*s" / "%-*s" with one.
-  aio_ostream& print(const char* s);
+  aio_ostream& print(const char* s) {
+    if (ZMX_LIKELY(stream_ != nullptr && width_ == 0 && s != nullptr)) {
+      if (ZMX_UNLIKELY(std::fputs(s, stream_) < 0)) failOutput();
+      return *this;
+    }
+    return printSlow(s);
+  }
   // "d"/"u", "o" or "x" by the base flags; 64-bit forms use "ll".
   aio_ostream& print_int(int v);
   aio_ostream& print_u_int(unsigned int v);
@@ -39,7 +45,13 @@ class ZMXUTI_API aio_ostream : public aio_ios {
   aio_ostream& print_address(const void* p);
   // One character, padded to the width unless it is a newline (a newline
   // leaves a once-only width in force).
-  aio_ostream& put(char c);
+  aio_ostream& put(char c) {
+    if (ZMX_LIKELY(stream_ != nullptr && (width_ == 0 || c == '\n'))) {
+      if (ZMX_UNLIKELY(std::fputc(c, stream_) == EOF)) failOutput();
+      return *this;
+    }
+    return putSlow(c);
+  }
   // fwrite of n bytes; fails unless all were written.
   aio_ostream& write(const char* buf, int n);
   // fflush of the attached FILE; an unattached stream flushes every output
@@ -51,6 +63,9 @@ class ZMXUTI_API aio_ostream : public aio_ios {
   aio_ostream& copy(aio_istream& in);
 
  private:
+  // Padded or failing forms of print and put.
+  aio_ostream& printSlow(const char* s);
+  aio_ostream& putSlow(char c);
   // Shared tail of the fprintf-based members: failure step on a negative
   // count, once-only width dropped when a width was used.
   void finishFormatted(int written, bool usedWidth);
