@@ -158,7 +158,7 @@ TEST(IstreamScan, IgnoreStopsAfterTheDelimiterOrTheCount) {
   EXPECT_FALSE(in.s.fail());
 }
 
-// Random numbers written in each base and read back, against sscanf of the same text.
+// Random numbers written in each base and notation and read back, against sscanf of the same text.
 TEST(IstreamScan, RandomNumbersMatchSscanfOfTheSameText) {
   std::mt19937_64 rng(77);
   std::string text;
@@ -167,11 +167,13 @@ TEST(IstreamScan, RandomNumbersMatchSscanfOfTheSameText) {
     const std::uint64_t v = rng() >> (rng() % 64);
     values.push_back(v);
     char buf[40];
-    switch (i % 4) {
+    switch (i % 6) {
+      case 4: std::snprintf(buf, sizeof buf, " %.17g", static_cast<double>(static_cast<std::int64_t>(v)) / 3e7); break;
+      case 5: std::snprintf(buf, sizeof buf, "  %.9e", static_cast<double>(static_cast<std::int64_t>(v)) * 1e-12); break;
       case 0: std::snprintf(buf, sizeof buf, " %d", static_cast<int>(v)); break;
       case 1: std::snprintf(buf, sizeof buf, "\t%x", static_cast<unsigned>(v)); break;
       case 2: std::snprintf(buf, sizeof buf, "\n%llo", static_cast<unsigned long long>(v)); break;
-      default: std::snprintf(buf, sizeof buf, " %lld", static_cast<long long>(v)); break;
+      case 3: std::snprintf(buf, sizeof buf, " %lld", static_cast<long long>(v)); break;
     }
     text += buf;
   }
@@ -179,7 +181,19 @@ TEST(IstreamScan, RandomNumbersMatchSscanfOfTheSameText) {
   const char* cursor = text.c_str();
   for (int i = 0; i < 3000; ++i) {
     int consumed = 0;
-    switch (i % 4) {
+    switch (i % 6) {
+      case 4: {
+        double expected = 0;
+        std::sscanf(cursor, "%lg%n", &expected, &consumed);
+        ASSERT_EQ(in.s.scan_double(), expected);
+        break;
+      }
+      case 5: {
+        float expected = 0;
+        std::sscanf(cursor, "%e%n", &expected, &consumed);
+        ASSERT_EQ(in.s.scan_float(), expected);
+        break;
+      }
       case 0: {
         in.s.setf(0, 0x70);
         int expected = 0;
@@ -201,7 +215,7 @@ TEST(IstreamScan, RandomNumbersMatchSscanfOfTheSameText) {
         ASSERT_EQ(in.s.scan_u_int64(), expected);
         break;
       }
-      default: {
+      case 3: {
         in.s.setf(0, 0x70);
         long long expected = 0;
         std::sscanf(cursor, "%lld%n", &expected, &consumed);

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <string>
+#include <type_traits>
 
 #include "ZMXUTI_CoreUtils.h"
 #include "stream_files.h"
@@ -187,10 +188,34 @@ TEST(StreamState, UnattachedStreamsOnlyFail) {
   aio_setwidth(out, 4).print_int(1);
   EXPECT_EQ(out.width(), 4);  // nothing was formatted, so the once-only width stays
   EXPECT_EQ(out.rdstate(), 2u);
-  aio_ostream flushOnly;
-  flushOnly.flush();  // flushes every runtime stream; not a failure
-  EXPECT_EQ(flushOnly.rdstate(), 0u);
 }
+
+TEST(StreamState, FlushWithoutAFileFlushesEveryRuntimeStream) {
+  TempFile t;
+  std::fputs("pending", t.get());
+  char seen[16] = {};
+  EXPECT_EQ(pread(fileno(t.get()), seen, sizeof seen, 0), 0);  // still in the FILE's buffer
+  aio_ostream unattached;
+  unattached.flush();
+  EXPECT_EQ(pread(fileno(t.get()), seen, sizeof seen, 0), 7);
+  EXPECT_STREQ(seen, "pending");
+  EXPECT_EQ(unattached.rdstate(), 0u);  // not a failure
+}
+
+TEST(StreamState, ANullTextIsAnOutputFailureNotACrash) {
+  TempFile t;
+  aio_ostream s;
+  s.attach(t.get(), false);
+  s.print(nullptr);
+  EXPECT_EQ(s.rdstate(), 2u);
+  aio_setwidth(s, 3).print(nullptr).print("x");
+  EXPECT_EQ(t.Contents(), "  x");
+}
+
+// The derived streams add no fields to the common record and have no virtual functions.
+static_assert(sizeof(aio_istream) == sizeof(aio_ios), "aio_istream adds no fields");
+static_assert(sizeof(aio_ostream) == sizeof(aio_ios), "aio_ostream adds no fields");
+static_assert(!std::is_polymorphic<aio_ostream>::value, "no virtual functions");
 
 TEST(StreamState, CopyMovesEverythingUntilTheInputStops) {
   std::string data;
