@@ -6,6 +6,8 @@
 #include "core/startup.h"
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
+#include "strings/string_rep.h"
+#include "strings/string_base.h"
 #include "streams/ios.h"
 #include "streams/istream.h"
 #include "streams/ostream.h"
