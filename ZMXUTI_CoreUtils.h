@@ -13,5 +13,9 @@
 #include "strings/utf8.h"
 #include "strings/translatable_string.h"
 #include "strings/translate.h"
+#include "streams/ios.h"
+#include "streams/istream.h"
+#include "streams/ostream.h"
+#include "streams/standard_streams.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H
