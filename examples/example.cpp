@@ -1,5 +1,7 @@
 // A tour of the library for a new client: bring it up, allocate through each
-// entry point of the front door, report what the heap did, take it down.
+// entry point of the front door, report what the heap did, share and edit a
+// copy-on-write string, print through the library's streams with messages
+// translated when a dictionary is configured, take it down.
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -20,15 +22,48 @@ void Say(const char* what, const void* block) {
   std::printf("  %-46s %s\n", what, block != nullptr ? "ok" : "FAILED");
 }
 
+
+// Prints a translated message with one integer and, optionally, one text argument.
+void PrintMessage(const char* key, int number, const char* text = nullptr) {
+  atr_translate message(key);
+  atr_SubstituteFormat(message, 1, number);
+  if (text != nullptr) atr_SubstituteFormat(message, 2, text);
+  aio_cout << message.Result().CStr() << "\n";
+  aio_cout.flush();
+}
+
+void ShowStrings() {
+  aio_cout << atr_raw("Strings and streams:").CStr() << "\n";
+  atr_StringBasePrv original("results of step 12 in run-7.out");
+  atr_StringBasePrv copy = original;  // shares the text: copying costs a count increment
+  aio_cout << "  \"" << copy.CStr() << "\": copies share one text: "
+           << (copy.CStr() == original.CStr() ? "yes" : "no") << "\n";
+  aio_setprecision(aio_cout, 3);
+  aio_cout << "  pi to three digits: ";
+  aio_cout.print_double(3.14159265);
+  aio_cout << ", 255 in hex: ";
+  aio_cout.setf(aio_ios::hex, 0);
+  aio_cout.print_int(255);
+  aio_cout.unsetf(aio_ios::hex);
+  aio_cout << "\n";
+  PrintMessage("Found %d errors in %s", 3, "run-7.out");
+}
+
 }  // namespace
 
 int main() {
   int depth = 0;
   UTI_CoreUtils_initialize(depth);
-  std::printf("ZMXUTI_CoreUtils is up (depth %d), serving from the %s.\n", depth,
-              mem_UseDL() ? "general heap" : "runtime heap");
+  atr_tr_enable(true);  // uses the dictionary the environment names, if any
+  {
+    atr_translate up("ZMXUTI_CoreUtils is up (depth %d), serving from the %s.");
+    atr_SubstituteFormat(up, 1, depth);
+    atr_SubstituteFormat(up, 2, mem_UseDL() ? "general heap" : "runtime heap");
+    aio_cout << up.Result().CStr() << "\n";
+    aio_cout << atr_raw("Allocating through each entry point:").CStr() << "\n";
+    aio_cout.flush();
+  }
 
-  std::printf("Allocating through each entry point:\n");
   int* numbers = new int[1000];
   Say("new int[1000]", numbers);
   auto* text = static_cast<char*>(mem_Malloc(64));
@@ -61,6 +96,8 @@ int main() {
               mem_Footprint(), mem_MaxFootprint(), static_cast<unsigned long long>(info.uordblks),
               static_cast<unsigned long long>(info.fordblks), mem_FragmentationInfo());
 
+  ShowStrings();
+
   ::operator delete(nothrow);
   delete[] static_cast<char*>(builtin);
   delete matrix;
@@ -70,6 +107,7 @@ int main() {
   mem_Free(text);
   delete[] numbers;
 
+  atr_tr_enable(false);
   UTI_CoreUtils_finalize(depth);
   std::printf("Down again (depth %d).\n", depth);
   return 0;
