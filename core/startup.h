@@ -47,4 +47,18 @@ ZMXUTI_API void omni_formalize();  // kept hook: does nothing
 // True when QVL_DEBUG_POPUP was present at the last process-services start-up.
 ZMXUTI_API bool omi_DebugPopupsWanted();
 
+// For programs whose static constructors allocate (test frameworks, registries):
+// writing ZMXUTI_EARLY_START_UP; at namespace scope in one source file brings the
+// library up in a static constructor that runs before every default-priority one
+// of the program (GCC and clang).
+class zmx_EarlyStartUp {
+ public:
+  zmx_EarlyStartUp() {
+    int depth = 0;
+    UTI_CoreUtils_initialize(depth);
+  }
+};
+#define ZMXUTI_EARLY_START_UP \
+  static zmx_EarlyStartUp zmx_earlyStartUp __attribute__((init_priority(101)))
+
 #endif  // ZMXUTI_CORE_STARTUP_H

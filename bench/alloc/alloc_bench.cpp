@@ -25,13 +25,8 @@
 
 namespace {
 
-struct LibraryUp {
-  LibraryUp() {
-    int depth = 0;
-    UTI_CoreUtils_initialize(depth);
-  }
-};
-LibraryUp g_libraryUp __attribute__((init_priority(101)));
+// The library comes up before anything of the program allocates.
+ZMXUTI_EARLY_START_UP;
 
 // ------------------------------------------------------------ contenders
 

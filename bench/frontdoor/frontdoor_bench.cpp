@@ -14,13 +14,8 @@
 
 namespace {
 
-struct LibraryUp {
-  LibraryUp() {
-    int depth = 0;
-    UTI_CoreUtils_initialize(depth);
-  }
-};
-LibraryUp g_up __attribute__((init_priority(101)));
+// The library comes up before anything of the program allocates.
+ZMXUTI_EARLY_START_UP;
 
 constexpr int kLive = 64;  // a small window of live blocks, freed in allocation order
 

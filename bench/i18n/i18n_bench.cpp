@@ -16,13 +16,8 @@
 
 namespace {
 
-struct LibraryUp {
-  LibraryUp() {
-    int depth = 0;
-    UTI_CoreUtils_initialize(depth);
-  }
-};
-LibraryUp g_up __attribute__((init_priority(101)));
+// The library comes up before anything of the program allocates.
+ZMXUTI_EARLY_START_UP;
 
 double Seconds(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

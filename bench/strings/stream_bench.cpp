@@ -17,13 +17,8 @@
 
 namespace {
 
-struct LibraryUp {
-  LibraryUp() {
-    int depth = 0;
-    UTI_CoreUtils_initialize(depth);
-  }
-};
-LibraryUp g_up __attribute__((init_priority(101)));
+// The library comes up before anything of the program allocates.
+ZMXUTI_EARLY_START_UP;
 
 constexpr int kRounds = 7;
 constexpr std::size_t kBuffer = 1 << 16;

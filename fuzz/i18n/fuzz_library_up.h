@@ -6,13 +6,8 @@
 #include "ZMXUTI_CoreUtils.h"
 
 namespace {
-struct FuzzLibraryUp {
-  FuzzLibraryUp() {
-    int depth = 0;
-    UTI_CoreUtils_initialize(depth);
-  }
-};
-FuzzLibraryUp g_fuzzLibraryUp __attribute__((init_priority(101)));
+// The library comes up before anything of the program allocates.
+ZMXUTI_EARLY_START_UP;
 }  // namespace
 
 #endif  // ZMXUTI_FUZZ_I18N_FUZZ_LIBRARY_UP_H

@@ -15,15 +15,8 @@
 
 namespace {
 
-// The library's operator new refuses to run before start-up, and libFuzzer
-// allocates before LLVMFuzzerInitialize: bring the library up first of all.
-struct LibraryUp {
-  LibraryUp() {
-    int depth = 0;
-    UTI_CoreUtils_initialize(depth);
-  }
-};
-LibraryUp g_libraryUp __attribute__((init_priority(101)));
+// The library comes up before anything of the program allocates.
+ZMXUTI_EARLY_START_UP;
 
 void Require(bool condition) {
   if (!condition) __builtin_trap();

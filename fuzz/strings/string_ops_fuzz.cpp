@@ -12,16 +12,8 @@
 
 namespace {
 
-// The library's operator new refuses to run before start-up, and libFuzzer
-// allocates before it calls LLVMFuzzerInitialize: bring the library up in the
-// first static constructor of the program.
-struct LibraryUp {
-  LibraryUp() {
-    int depth = 0;
-    UTI_CoreUtils_initialize(depth);
-  }
-};
-LibraryUp g_libraryUp __attribute__((init_priority(101)));
+// The library comes up before anything of the program allocates.
+ZMXUTI_EARLY_START_UP;
 
 class FuzzString : public atr_StringBase {
  public:

@@ -6,18 +6,7 @@
 
 #include "ZMXUTI_CoreUtils.h"
 
-namespace {
-
-struct LibraryUp {
-  LibraryUp() {
-    int depth = 0;
-    UTI_CoreUtils_initialize(depth);
-  }
-};
-
-LibraryUp g_libraryUp __attribute__((init_priority(101)));
-
-}  // namespace
+ZMXUTI_EARLY_START_UP;
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
