@@ -8,10 +8,6 @@
 namespace zmx {
 namespace mem_internal {
 
-void* RuntimeMalloc(std::size_t size) { return std::malloc(size); }
-void* RuntimeCalloc(std::size_t count, std::size_t size) { return std::calloc(count, size); }
-void* RuntimeRealloc(void* block, std::size_t size) { return std::realloc(block, size); }
-void RuntimeFree(void* block) { std::free(block); }
 void* RuntimeMemalign(std::size_t alignment, std::size_t size) {
   void* block = nullptr;
   return posix_memalign(&block, alignment, size) == 0 ? block : nullptr;

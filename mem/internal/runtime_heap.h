@@ -4,16 +4,18 @@
 #define ZMXUTI_MEM_INTERNAL_RUNTIME_HEAP_H
 
 #include <cstddef>
+#include <cstdlib>
 
 #include "mem/general_heap.h"
 
 namespace zmx {
 namespace mem_internal {
 
-void* RuntimeMalloc(std::size_t size);
-void* RuntimeCalloc(std::size_t count, std::size_t size);
-void* RuntimeRealloc(void* block, std::size_t size);
-void RuntimeFree(void* block);
+// The runtime's own functions sit in the slots directly (no wrapper call).
+constexpr void* (*RuntimeMalloc)(std::size_t) = &std::malloc;
+constexpr void* (*RuntimeCalloc)(std::size_t, std::size_t) = &std::calloc;
+constexpr void* (*RuntimeRealloc)(void*, std::size_t) = &std::realloc;
+constexpr void (*RuntimeFree)(void*) = &std::free;
 void* RuntimeMemalign(std::size_t alignment, std::size_t size);
 
 // The query slots of a heap that keeps no statistics: all return 0.
