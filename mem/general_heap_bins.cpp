@@ -95,12 +95,6 @@ void Heap::UnlinkLarge(TreeChunk* x) {
   }
 }
 
-void Heap::ReplaceDv(Chunk* r, size_t s) {
-  if (dvSize != 0) InsertChunk(dv, dvSize);
-  dv = r;
-  dvSize = s;
-}
-
 // A small request that no small bin can serve: the smallest tree chunk, with
 // the remainder becoming the designated victim.
 void* Heap::TreeMallocSmall(size_t nb) {
@@ -109,10 +103,9 @@ void* Heap::TreeMallocSmall(size_t nb) {
   size_t rsize = ChunkSize(t) - nb;
   while ((t = LeftmostChild(t)) != nullptr) {
     const size_t trem = ChunkSize(t) - nb;
-    if (trem < rsize) {
-      rsize = trem;
-      v = t;
-    }
+    const bool closer = trem < rsize;
+    v = closer ? t : v;
+    rsize = closer ? trem : rsize;
   }
   Require(OkAddress(v), "tree chunk below the heap");
   Chunk* p = AsChunk(v);
@@ -130,6 +123,8 @@ void* Heap::TreeMallocSmall(size_t nb) {
 
 // Best fit for a large request: the closest chunk of its own bin, else the
 // smallest of the next non-empty bin; used only when it beats the victim.
+// The descent picks its candidates with conditional moves: which way a size
+// bit points is as good as random, so branches on it would mostly mispredict.
 void* Heap::TreeMallocLarge(size_t nb) {
   TreeChunk* v = nullptr;
   size_t rsize = 0 - nb;  // "no candidate": larger than any remainder
@@ -140,20 +135,21 @@ void* Heap::TreeMallocLarge(size_t nb) {
     TreeChunk* rst = nullptr;  // deepest untaken right subtree
     for (;;) {
       const size_t trem = ChunkSize(t) - nb;
-      if (trem < rsize) {
-        v = t;
-        rsize = trem;
-        if (rsize == 0) break;
-      }
+      const bool closer = trem < rsize;
+      v = closer ? t : v;
+      rsize = closer ? trem : rsize;
+      if (ZMX_UNLIKELY(rsize == 0)) break;  // an exact fit ends the search
       TreeChunk* rt = t->child[1];
       t = t->child[(sizeBits >> 63) & 1];
-      if (rt != nullptr && rt != t) rst = rt;
+      const bool untaken = (rt != nullptr) & (rt != t);
+      rst = untaken ? rt : rst;
       if (t == nullptr) {
         t = rst;  // everything there is larger than nb
         break;
       }
       sizeBits <<= 1;
     }
+    if (rsize == 0) t = nullptr;
   }
   if (t == nullptr && v == nullptr) {
     const std::uint32_t leftBits = LeftBits(IndexBit(idx)) & treeMap;
@@ -161,10 +157,9 @@ void* Heap::TreeMallocLarge(size_t nb) {
   }
   while (t != nullptr) {
     const size_t trem = ChunkSize(t) - nb;
-    if (trem < rsize) {
-      rsize = trem;
-      v = t;
-    }
+    const bool closer = trem < rsize;
+    v = closer ? t : v;
+    rsize = closer ? trem : rsize;
     t = LeftmostChild(t);
   }
   if (v == nullptr || rsize >= dvSize - nb) return nullptr;

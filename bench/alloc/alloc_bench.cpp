@@ -4,7 +4,7 @@
 // process per (contender, workload) -- peers that replace malloc are preloaded
 // into their child -- and prints ops/s, the ratio to glibc and peak resident
 // memory, then writes alloc_bench.md and alloc_bench.svg.
-//   alloc_bench [--quick] [--out DIR]        the whole comparison
+//   alloc_bench [--quick] [--rounds N] [--out DIR]   the whole comparison
 //   alloc_bench --child CONTENDER WORKLOAD   one measurement (internal)
 #include <sys/resource.h>
 #include <unistd.h>
@@ -220,13 +220,15 @@ int RunChild(const std::string& contender, const std::string& workloadName) {
   for (const Workload& w : kWorkloads) {
     if (workloadName != w.name) continue;
     double best = 0;
+    std::size_t ops = 0;
     for (int rep = 0; rep < 3; ++rep) {
       const auto start = std::chrono::steady_clock::now();
-      const std::size_t ops = w.run();
+      ops = w.run();
       const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       if (ops / seconds > best) best = ops / seconds;
     }
-    std::printf("%.0f %.1f\n", best, zmx_bench::PeakResidentMiB());
+    // The third number (operations per repetition) is for instruction-count runs.
+    std::printf("%.0f %.1f %zu\n", best, zmx_bench::PeakResidentMiB(), ops);
     return 0;
   }
   return 2;
@@ -256,31 +258,60 @@ std::string SelfPath() {
   return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : std::string("alloc_bench");
 }
 
-int RunDriver(const std::string& outDir, const char* scaleText) {
+// The machine may be shared, so its load drifts: every contender runs each
+// workload once per round, the rounds interleave the contenders, and each keeps
+// its best round. No contender is measured only in a quiet or a busy stretch.
+int RunDriver(const std::string& outDir, const char* scaleText, int rounds) {
   zmx_bench::Report speed("Allocator throughput (ops/s)", true);
   zmx_bench::Report memory("Allocator peak resident memory (MiB)", false);
   const std::string self = SelfPath();
-  for (const Contender& c : kContenders) {
-    if (c.preload && access(c.preload, R_OK) != 0) {
-      std::fprintf(stderr, "skipping %s: %s not installed\n", c.name, c.preload);
-      continue;
-    }
-    for (const Workload& w : kWorkloads) {
-      if (w.threaded && c.singleThreadedOnly) continue;
-      std::string cmd;
-      if (c.preload) cmd += std::string("LD_PRELOAD=") + c.preload + " ";
-      cmd += "'" + self + "' --child '" + c.name + "' '" + w.name + "' " + scaleText;
-      FILE* pipe = popen(cmd.c_str(), "r");
-      double opsPerSecond = 0, peak = 0;
-      const bool ok = pipe && std::fscanf(pipe, "%lf %lf", &opsPerSecond, &peak) == 2;
-      if (pipe) pclose(pipe);
-      if (!ok) {
-        std::fprintf(stderr, "%s / %s: no result\n", c.name, w.name);
-        continue;
+  constexpr std::size_t kContenderCount = sizeof kContenders / sizeof kContenders[0];
+  constexpr std::size_t kWorkloadCount = sizeof kWorkloads / sizeof kWorkloads[0];
+  struct Result {
+    double opsPerSecond = 0;
+    double peak = 0;
+    bool ok = false;
+  };
+  Result results[kContenderCount][kWorkloadCount];
+  bool present[kContenderCount];
+  for (std::size_t ci = 0; ci < kContenderCount; ++ci) {
+    const Contender& c = kContenders[ci];
+    present[ci] = !(c.preload && access(c.preload, R_OK) != 0);
+    if (!present[ci]) std::fprintf(stderr, "skipping %s: %s not installed\n", c.name, c.preload);
+  }
+  for (int round = 0; round < rounds; ++round) {
+    for (std::size_t wi = 0; wi < kWorkloadCount; ++wi) {
+      const Workload& w = kWorkloads[wi];
+      for (std::size_t ci = 0; ci < kContenderCount; ++ci) {
+        const Contender& c = kContenders[ci];
+        if (!present[ci] || (w.threaded && c.singleThreadedOnly)) continue;
+        std::string cmd;
+        if (c.preload) cmd += std::string("LD_PRELOAD=") + c.preload + " ";
+        cmd += "'" + self + "' --child '" + c.name + "' '" + w.name + "' " + scaleText;
+        FILE* pipe = popen(cmd.c_str(), "r");
+        double opsPerSecond = 0, peak = 0;
+        const bool ok = pipe && std::fscanf(pipe, "%lf %lf", &opsPerSecond, &peak) == 2;
+        if (pipe) pclose(pipe);
+        if (!ok) {
+          std::fprintf(stderr, "%s / %s: no result\n", c.name, w.name);
+          continue;
+        }
+        std::fprintf(stderr, "round %d %-16s %-20s %12.0f ops/s %8.1f MiB\n", round + 1, c.name, w.name,
+                     opsPerSecond, peak);
+        Result& r = results[ci][wi];
+        if (opsPerSecond > r.opsPerSecond) r.opsPerSecond = opsPerSecond;
+        // Peak memory hardly varies between rounds; keep the smallest for every contender alike.
+        if (!r.ok || peak < r.peak) r.peak = peak;
+        r.ok = true;
       }
-      std::fprintf(stderr, "%-16s %-20s %12.0f ops/s %8.1f MiB\n", c.name, w.name, opsPerSecond, peak);
-      speed.Add(w.name, c.name, opsPerSecond, "ops/s");
-      memory.Add(w.name, c.name, peak, "MiB");
+    }
+  }
+  for (std::size_t ci = 0; ci < kContenderCount; ++ci) {
+    for (std::size_t wi = 0; wi < kWorkloadCount; ++wi) {
+      const Result& r = results[ci][wi];
+      if (!r.ok) continue;
+      speed.Add(kWorkloads[wi].name, kContenders[ci].name, r.opsPerSecond, "ops/s");
+      memory.Add(kWorkloads[wi].name, kContenders[ci].name, r.peak, "MiB");
     }
   }
   std::printf("\n== throughput, ratio to glibc (above 1 is faster) ==\n");
@@ -300,6 +331,7 @@ int RunDriver(const std::string& outDir, const char* scaleText) {
 int main(int argc, char** argv) {
   std::string outDir = ".";
   const char* scaleText = "--scale 1";
+  int rounds = 3;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if (a == "--child" && i + 2 < argc) {
@@ -307,8 +339,9 @@ int main(int argc, char** argv) {
         if (std::strcmp(argv[j], "--scale") == 0) g_scale = std::atof(argv[j + 1]);
       return RunChild(argv[i + 1], argv[i + 2]);
     }
-    if (a == "--quick") scaleText = "--scale 0.2";
+    if (a == "--quick") scaleText = "--scale 0.2", rounds = 1;
+    if (a == "--rounds" && i + 1 < argc) rounds = std::atoi(argv[++i]) > 0 ? std::atoi(argv[i]) : 1;
     if (a == "--out" && i + 1 < argc) outDir = argv[++i];
   }
-  return RunDriver(outDir, scaleText);
+  return RunDriver(outDir, scaleText, rounds);
 }

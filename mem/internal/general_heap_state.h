@@ -109,6 +109,8 @@ class Heap {
   bool OkAddress(const void* p) const { return static_cast<const char*>(p) >= leastAddr; }
   // Frees an in-use chunk of a segment, coalescing with its neighbours.
   void ReleaseChunk(Chunk* p, size_t psize, bool mayTrim);
+  void ReleaseChunkInline(Chunk* p, size_t psize, bool mayTrim);  // general_heap.cpp only
+  void FreeInline(void* mem);                                      // general_heap.cpp only
   Chunk* ResizeInPlace(Chunk* p, size_t nb);
 
   // ---- system memory (general_heap_system.cpp) ----
@@ -193,6 +195,13 @@ inline void Heap::InsertSmall(Chunk* p, size_t s) {
   f->bk = p;
   p->fd = f;
   p->bk = b;
+}
+
+// The new designated victim; the old one goes to its bin.
+inline void Heap::ReplaceDv(Chunk* r, size_t s) {
+  if (dvSize != 0) InsertChunk(dv, dvSize);
+  dv = r;
+  dvSize = s;
 }
 
 inline void Heap::UnlinkSmall(Chunk* p, size_t s) {

@@ -194,7 +194,12 @@ std::size_t FillAndEmpty() {
 
 TEST_F(HeapParameters, ATopAboveTheTrimThresholdIsGivenBackOnFree) {
   const std::size_t peak = FillAndEmpty();
-  EXPECT_LE(dlmalloc_footprint() + 4000000, peak);  // trimmed on the last free
+  // How much of the freed space ends in the top chunk depends on where the
+  // system placed the runs (runs between foreign mappings are segments of
+  // their own), so check what the trim promises: memory went back, and no
+  // free left the top above the threshold.
+  EXPECT_LT(dlmalloc_footprint(), peak);
+  EXPECT_LE(dlmallinfo().keepcost, std::size_t(2097152));
   dlmalloc_trim(0);
   EXPECT_EQ(dlmalloc_trim(0), 0);  // nothing left to give back
   EXPECT_EQ(mem_Trim(0), 0);
