@@ -12,7 +12,13 @@ std::size_t PageSize() {
   return size;
 }
 
-std::size_t AllocationGranularity() { return PageSize(); }
+// Linux maps at page granularity; the library still takes address space in
+// 64 KiB units, as it does where the system imposes them, so that heaps grow in
+// the same steps on every OS and do not make one system call per page.
+std::size_t AllocationGranularity() {
+  constexpr std::size_t kUnit = 64 * 1024;
+  return PageSize() > kUnit ? PageSize() : kUnit;
+}
 
 void* MapMemory(std::size_t size, bool /*fromTop*/) {
   // Linux hands out mappings from the top of the address space already.

@@ -2,6 +2,8 @@
 // trimming, direct mappings, aligned allocation and its place behind the front door.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -25,9 +27,12 @@ void ExpectConsistent() {
 }
 
 // Puts every parameter back to its default and in force.
+// The granularity the heap started with (64 KiB units, or the page if larger).
+const std::size_t kSystemGranularity = GeneralHeapParameters().granularity;
+
 void RestoreDefaults() {
   dlmallopt(-1, 2097152);
-  dlmallopt(-2, static_cast<int>(GeneralHeapParameters().pageSize));
+  dlmallopt(-2, static_cast<int>(kSystemGranularity));
   dlmallopt(-3, 262144);
   dlmallopt(-4, 2);
   dlmallopt(-5, 0);
@@ -42,7 +47,7 @@ class HeapParameters : public ::testing::Test {
 TEST_F(HeapParameters, StartFromTheDocumentedDefaults) {
   RestoreDefaults();
   const HeapParameterView v = GeneralHeapParameters();
-  EXPECT_EQ(v.granularity, v.pageSize);
+  EXPECT_EQ(v.granularity, std::max<std::size_t>(v.pageSize, 65536));
   EXPECT_EQ(v.mmapThreshold, 262144u);
   EXPECT_EQ(v.trimThreshold, 2097152u);
   EXPECT_EQ(v.defaultFlags, 7u);
@@ -62,9 +67,11 @@ TEST_F(HeapParameters, EachMalloptRowAcceptsOrRefusesAsDocumented) {
   EXPECT_EQ(dlmallopt(-2, static_cast<int>(page / 2)), 0);
   EXPECT_EQ(dlmallopt(-2, static_cast<int>(page * 3)), 0);
   EXPECT_EQ(dlmallopt(-2, -static_cast<int>(page)), 0);
+  EXPECT_EQ(GeneralHeapParameters().granularity, kSystemGranularity);
+  EXPECT_EQ(dlmallopt(-2, static_cast<int>(page)), 1);
   EXPECT_EQ(GeneralHeapParameters().granularity, page);
-  EXPECT_EQ(dlmallopt(-2, static_cast<int>(page * 16)), 1);
-  EXPECT_EQ(GeneralHeapParameters().granularity, page * 16);
+  EXPECT_EQ(dlmallopt(-2, static_cast<int>(page * 32)), 1);
+  EXPECT_EQ(GeneralHeapParameters().granularity, page * 32);
 
   EXPECT_EQ(dlmallopt(-3, 1 << 21), 1);
   EXPECT_EQ(GeneralHeapParameters().mmapThreshold, std::size_t(1) << 21);
