@@ -41,6 +41,16 @@ TEST(Translate, UnnumberedConversionsTakeTheFreePositionsInTextOrder) {
   EXPECT_EQ(Str(many.Result()), "543216");
   EXPECT_EQ(many.Format(0), nullptr);
   EXPECT_EQ(many.Format(7), nullptr);
+
+  // The ordering function gives the difference of the two positions.
+  atr_translate::StrArgs seven, two;
+  seven.position = 7;
+  two.position = 2;
+  const atr_translate::StrArgs* pSeven = &seven;
+  const atr_translate::StrArgs* pTwo = &two;
+  EXPECT_EQ(atr_translate::compare(&pSeven, &pTwo), 5);
+  EXPECT_EQ(atr_translate::compare(&pTwo, &pSeven), -5);
+  EXPECT_EQ(atr_translate::compare(&pTwo, &pTwo), 0);
 }
 
 TEST(Translate, PercentSignsNotesAndUnknownConversions) {
