@@ -8,11 +8,11 @@ namespace {
 int g_atrUseCount = 0;
 }
 
-// Locale set-up and dictionary loading join the start-up work, dictionary
-// release joins the shut-down work (before the statistics report).
+// Start-up creates the statistics and sets the natural-order switch (it loads
+// no dictionary); shut-down releases the dictionary before the statistics report.
 void atr_initialize(int& depth) {
   zmx::core_internal::StartUp(g_atrUseCount, depth, [] {
-    zmx::atr_internal::CreateStringStats();
+    zmx::strings_internal::CreateStringStats();
     zmx::strings_internal::I18nStartUp();
   });
 }
@@ -20,6 +20,6 @@ void atr_initialize(int& depth) {
 void atr_finalize(int& depth) {
   zmx::core_internal::ShutDown(g_atrUseCount, depth, [] {
     zmx::strings_internal::I18nShutDown();
-    zmx::atr_internal::ReportAndFreeStringStats();
+    zmx::strings_internal::ReportAndFreeStringStats();
   });
 }

@@ -13,8 +13,8 @@
 #include "strings/internal/number_text.h"
 #include "strings/internal/string_stats.h"
 
-using zmx::atr_internal::RecordExtensionFailure;
-using zmx::atr_internal::RecordRelease;
+using zmx::strings_internal::RecordExtensionFailure;
+using zmx::strings_internal::RecordRelease;
 
 const char atr_StringBase::s_emptyText[1] = {'\0'};
 
@@ -138,7 +138,7 @@ void ReleaseStorage(atr_StringRep* rep, char* text) {
 }  // namespace
 
 namespace zmx {
-namespace atr_internal {
+namespace strings_internal {
 
 int FixExponent(char* text, int length) {
   if (length < 4) return length;
@@ -153,7 +153,7 @@ int FixExponent(char* text, int length) {
   return length - 1;
 }
 
-}  // namespace atr_internal
+}  // namespace strings_internal
 }  // namespace zmx
 
 // ---------------------------------------------------------------- creation
@@ -227,7 +227,7 @@ atr_StringBase::atr_StringBase(unsigned int value) : m_text(nullptr), m_rep(null
 atr_StringBase::atr_StringBase(float value) : m_text(nullptr), m_rep(nullptr) {
   char buffer[64];
   int n = std::snprintf(buffer, sizeof buffer, "%g", static_cast<double>(value));
-  n = zmx::atr_internal::FixExponent(buffer, n);
+  n = zmx::strings_internal::FixExponent(buffer, n);
   CreateRep(n, n);
   std::memcpy(m_text, buffer, static_cast<std::size_t>(n) + 1);
 }
@@ -235,7 +235,7 @@ atr_StringBase::atr_StringBase(float value) : m_text(nullptr), m_rep(nullptr) {
 atr_StringBase::atr_StringBase(double value) : m_text(nullptr), m_rep(nullptr) {
   char buffer[64];
   int n = std::snprintf(buffer, sizeof buffer, "%.15g", value);
-  n = zmx::atr_internal::FixExponent(buffer, n);
+  n = zmx::strings_internal::FixExponent(buffer, n);
   CreateRep(n, n);
   std::memcpy(m_text, buffer, static_cast<std::size_t>(n) + 1);
 }

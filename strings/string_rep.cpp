@@ -5,7 +5,7 @@
 #include "mem/allocation.h"
 #include "strings/internal/string_stats.h"
 
-using zmx::atr_internal::RecordCreation;
+using zmx::strings_internal::RecordCreation;
 
 void* atr_StringRep::operator new(std::size_t size) {
   RecordCreation(false, 0);

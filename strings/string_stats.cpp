@@ -9,7 +9,7 @@
 #include "mem/allocation.h"
 
 namespace zmx {
-namespace atr_internal {
+namespace strings_internal {
 
 StringStats* g_stringStats = nullptr;
 
@@ -79,5 +79,5 @@ void ReportAndFreeStringStats() {
   mem_Free(s);
 }
 
-}  // namespace atr_internal
+}  // namespace strings_internal
 }  // namespace zmx

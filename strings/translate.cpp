@@ -339,7 +339,8 @@ void atr_translate::SortByPosition() {
 int atr_translate::compare(const void* a, const void* b) {
   const StrArgs* x = *static_cast<StrArgs* const*>(a);
   const StrArgs* y = *static_cast<StrArgs* const*>(b);
-  return x->position < y->position ? -1 : (x->position > y->position ? 1 : 0);
+  // Positions are never negative once numbered, so the difference cannot overflow.
+  return x->position - y->position;
 }
 
 const char* atr_translate::Format(int position) const {

@@ -46,7 +46,7 @@ class ZMXUTI_API atr_translate {
 
   // Drops the leading 0 of a three-digit exponent at the first 'e' ("e+005" -> "e+05").
   static void FixExponent(char* s);
-  // Orders two StrArgs pointers by position.
+  // Orders two StrArgs pointers by position: the difference of their positions.
   static int compare(const void* a, const void* b);
   void ReportIllegalPosition(int position) const;
 

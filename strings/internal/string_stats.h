@@ -4,7 +4,7 @@
 #define ZMXUTI_STRINGS_INTERNAL_STRING_STATS_H
 
 namespace zmx {
-namespace atr_internal {
+namespace strings_internal {
 
 // Seven counters, then four single-precision sums over released inline texts.
 struct StringStats {
@@ -39,7 +39,7 @@ inline void RecordExtensionFailure() {
   if (g_stringStats != nullptr) ++g_stringStats->extensionFailures;
 }
 
-}  // namespace atr_internal
+}  // namespace strings_internal
 }  // namespace zmx
 
 #endif  // ZMXUTI_STRINGS_INTERNAL_STRING_STATS_H

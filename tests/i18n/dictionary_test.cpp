@@ -157,7 +157,7 @@ TEST_F(DictionaryDir, LoadingAppliesTheLineEscapeAndIdentityRules) {
         "m['Line\\none'] = r'Ligne\\tun'\n"              // escapes on both sides
         "m['caf\\xc3\\xa9 %s'] = r'%s: caf\\303\\251'\n"  // escaped key, octal translation
         "m['it's'] = r'c\\'est \\\"\xC3\xA9t\xC3\xA9\\\"'\n"
-        "m['Bad'] = r'\xC3('\n"                          // invalid UTF-8: warned, skipped
+        "m['Bad\\t'] = r'\xC3('\n"                       // invalid UTF-8: warned with the raw key, skipped
         "m['Zero\\x'] = r'null\\0cut'\n"
         "m['Last'] = r'Dernier'");                       // no newline: 'r' is cut too
   const auto r = Run("load", DictEnv(root_),
@@ -173,7 +173,7 @@ TEST_F(DictionaryDir, LoadingAppliesTheLineEscapeAndIdentityRules) {
             "[Zero\\x] -> [null]\n"
             "[Last] -> [Dernie]\n"
             "[Missing] -> [(none)]\n");
-  EXPECT_EQ(r.err, "WARNING: atr: Invalid UTF-8 string.\n\"Bad\"\n\n");
+  EXPECT_EQ(r.err, "WARNING: atr: Invalid UTF-8 string.\n\"Bad\\t\"\n\n");
 }
 
 TEST_F(DictionaryDir, TheLocaleEncodingReceivesTheTextAndKvtWarnsAboutWhatItCannotHold) {

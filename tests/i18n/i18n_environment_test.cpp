@@ -23,6 +23,15 @@ TEST(NaturalOrderSwitch, IsOnUnlessTheVariableIsPresent) {
             "before 1\nafter 0\ncounted 5\nagain 0\n");
 }
 
+TEST(WordWrap, ProbeCharactersDoNotCountTowardsTheWidthWhenTestingIsOn) {
+  // Four bytes of the six-byte probe are skipped as probe bytes, so in testing
+  // mode the first line needs one more word to reach the width.
+  EXPECT_EQ(RunScenario("wrap_probe", {{"ZEMRIX_LANG", "C.UTF-8"}, {"ZMX_QA_PRINT", ""}, {"QVL_DICT_DIR", ""}}),
+            "[\xE3\x82\xBD\xE3\x83\xBC" "aa bb\ncc]\n");
+  EXPECT_EQ(RunScenario("wrap_probe", {{"ZEMRIX_LANG", "C.UTF-8"}, {"ZMX_QA_PRINT", ""}}),
+            "[\xE3\x82\xBD\xE3\x83\xBC" "aa\nbb cc]\n");
+}
+
 }  // namespace
 
 namespace {

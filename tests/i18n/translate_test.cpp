@@ -41,6 +41,16 @@ TEST(Translate, UnnumberedConversionsTakeTheFreePositionsInTextOrder) {
   EXPECT_EQ(Str(many.Result()), "543216");
   EXPECT_EQ(many.Format(0), nullptr);
   EXPECT_EQ(many.Format(7), nullptr);
+
+  // The ordering function gives the difference of the two positions.
+  atr_translate::StrArgs seven, two;
+  seven.position = 7;
+  two.position = 2;
+  const atr_translate::StrArgs* pSeven = &seven;
+  const atr_translate::StrArgs* pTwo = &two;
+  EXPECT_EQ(atr_translate::compare(&pSeven, &pTwo), 5);
+  EXPECT_EQ(atr_translate::compare(&pTwo, &pSeven), -5);
+  EXPECT_EQ(atr_translate::compare(&pTwo, &pTwo), 0);
 }
 
 TEST(Translate, PercentSignsNotesAndUnknownConversions) {
@@ -61,6 +71,10 @@ TEST(Translate, PercentSignsNotesAndUnknownConversions) {
   atr_translate quirk("%d%%s!");
   atr_SubstituteFormat(quirk, 1, 5);
   EXPECT_EQ(Str(quirk.Result()), "5!");
+  // A dropped conversion loses its position prefix too.
+  atr_translate dropped("a %2$hd b %d");
+  atr_SubstituteFormat(dropped, 1, 7);
+  EXPECT_EQ(Str(dropped.Result()), "a hd b 7");
   atr_translate plusFlag("[%+d]");
   atr_SubstituteFormat(plusFlag, 1, 5);
   EXPECT_EQ(Str(plusFlag.Result()), "[+d]");
@@ -79,6 +93,11 @@ TEST(Translate, TextSlotsArePaddedByWidthAndCutByPrecision) {
   EXPECT_EQ(fill("[%-12.9s]", "ab"), "[ab          ]");
   EXPECT_EQ(fill("[%1s]", "abc"), "[abc]");
   EXPECT_EQ(fill("[%d]", "text"), "[text]");  // non-'s' slots take the text as it stands
+  // Absurd widths and precisions from a translated text are capped, never trusted.
+  const std::string wide = fill("%99999999999999999999s", "ab");
+  EXPECT_EQ(wide.size(), 65536u);
+  EXPECT_EQ(wide.substr(wide.size() - 3), " ab");
+  EXPECT_EQ(fill("%.99999999999999999999s", "ab"), "ab");
   atr_translate t("[%s]");
   t.AddSubstitution(0, "x", nullptr);
   t.AddSubstitution(2, "x", nullptr);
@@ -110,6 +129,34 @@ TEST(Translate, NumbersFollowTheSlotLetterAndTheValueType) {
   EXPECT_EQ(Number("%d", static_cast<std::uint64_t>(65537)), "1");
   EXPECT_EQ(Number("%x", static_cast<std::uint64_t>(0x12345)), "2345");
   EXPECT_EQ(Number("%s", reinterpret_cast<const void*>(0x10002)), "2");
+}
+
+TEST(Translate, EveryValueTypeMeetsEveryLetterColumn) {
+  // Float letters take the value as a double without width; 'd' and the other
+  // integer letters keep the conversion; 's' takes a plain decimal form.
+  EXPECT_EQ(Number("%7.2e", 255), "2.550000e+02");
+  EXPECT_EQ(Number("%5x", 255), "   ff");
+  EXPECT_EQ(Number("%5s", 255), "255");
+  EXPECT_EQ(Number("%7.2e", 4294967295u), "4.294967e+09");
+  EXPECT_EQ(Number("%5d", 4294967295u), "   -1");
+  EXPECT_EQ(Number("%10x", 4294967295u), "  ffffffff");
+  // 64-bit values: the 'h' modifier shortens the integer columns, not the float one.
+  EXPECT_EQ(Number("%7.2e", static_cast<std::int64_t>(70000)), "7.000000e+04");
+  EXPECT_EQ(Number("%5x", static_cast<std::int64_t>(70000)), " 1170");
+  EXPECT_EQ(Number("%5s", static_cast<std::int64_t>(70000)), "4464");
+  EXPECT_EQ(Number("%7.2e", static_cast<std::uint64_t>(65535)), "6.553500e+04");
+  EXPECT_EQ(Number("%d", static_cast<std::uint64_t>(65535)), "65535");  // 'd' becomes 'u'
+  EXPECT_EQ(Number("%s", static_cast<std::uint64_t>(65535)), "65535");
+  EXPECT_EQ(Number("%s", reinterpret_cast<const void*>(0xFFFF)), "65535");
+  // Doubles outside the float letters are always "%e".
+  EXPECT_EQ(Number("%5x", 2.5), "2.500000e+00");
+  EXPECT_EQ(Number("%5s", 2.5f), "2.500000e+00");
+  EXPECT_EQ(Number("%c", 65), "A");
+  // Numeric widths and precisions are capped as well.
+  const std::string number = Number("%99999999999999999999d", 5);
+  EXPECT_EQ(number.size(), 512u);
+  EXPECT_EQ(number.substr(number.size() - 2), " 5");
+  EXPECT_EQ(Number("%.99999999999999999999f", 1.0).size(), 514u);
 }
 
 TEST(Translate, FmtRewritesConversionsAndFixExponentShortensThreeDigitExponents) {

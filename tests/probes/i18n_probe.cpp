@@ -84,6 +84,14 @@ void ExtraInLocale() {
   Testing();
 }
 
+// Wraps a text that starts with the testing probe characters, in a UTF-8 locale
+// set before the probe is first asked for.
+void WrapProbe() {
+  std::setlocale(LC_CTYPE, "C.UTF-8");
+  const atr_String text = atr_raw("\xE3\x82\xBD\xE3\x83\xBC" "aa bb cc");
+  std::printf("[%s]\n", atr_String::BreakLineString(text, 6).CStr());
+}
+
 // The example program's messages through the dictionary the environment names.
 void French() {
   atr_tr_enable(true);
@@ -119,6 +127,7 @@ const Scenario kScenarios[] = {
     {"testing", Testing},
     {"extra_in_locale", ExtraInLocale},
     {"french", French},
+    {"wrap_probe", WrapProbe},
 };
 
 }  // namespace

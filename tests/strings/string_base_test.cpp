@@ -268,7 +268,7 @@ TEST(StringNumbers, FormatsAndTheExponentFix) {
   for (auto& c : cases) {
     char buffer[32];
     std::strcpy(buffer, c[0]);
-    const int n = zmx::atr_internal::FixExponent(buffer, static_cast<int>(std::strlen(buffer)));
+    const int n = zmx::strings_internal::FixExponent(buffer, static_cast<int>(std::strlen(buffer)));
     EXPECT_STREQ(buffer, c[1]) << c[0];
     EXPECT_EQ(n, static_cast<int>(std::strlen(c[1])));
   }
