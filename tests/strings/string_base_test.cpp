@@ -383,6 +383,27 @@ TEST(StringEdit, EditsClampCountsAndTolerateTheirOwnText) {
   EXPECT_EQ(pre.Str(), "written");
 }
 
+TEST(StringEdit, SourceOffsetsBeforeTheSourceAndNullSourcesTakeNoForeignBytes) {
+  // The bytes behind the first three must never be read: a negative offset
+  // counts from the start of the source, not before it.
+  const char src[] = "abcXYZ";
+  TestString s("0");
+  s.append(src, 3, -2, atr_StringBase::kAll);
+  EXPECT_EQ(s.Str(), "0abc");
+  s.insert(0, src, 3, -5, 2);
+  EXPECT_EQ(s.Str(), "ab0abc");
+  s.replace(0, 2, src, 3, -1, atr_StringBase::kAll);
+  EXPECT_EQ(s.Str(), "abc0abc");
+  // A null source has no bytes, whatever length the caller claims.
+  s.append(nullptr, 5, 0, 5);
+  s.insert(1, nullptr, 5, 1, 5);
+  s.replace(0, 1, nullptr, 5, 0, 5);
+  EXPECT_EQ(s.Str(), "bc0abc");
+  TestString fromNull(static_cast<const char*>(nullptr), 4);
+  EXPECT_EQ(fromNull.Length(), 0);
+  EXPECT_STREQ(fromNull.CStr(), "");
+}
+
 TEST(StringCase, OneByteLettersChangeByThirtyTwo) {
   TestString s("Hello, World 42");
   s.ToUpper();
