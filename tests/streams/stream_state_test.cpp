@@ -212,6 +212,29 @@ TEST(StreamState, ANullTextIsAnOutputFailureNotACrash) {
   EXPECT_EQ(t.Contents(), "  x");
 }
 
+TEST(StreamState, ANullBufferIsAFailureNotACrash) {
+  TempFile t("line\nmore");
+  aio_istream in;
+  in.attach(t.get(), false);
+  in.getline(nullptr, 8);
+  EXPECT_EQ(in.rdstate(), 2u);
+  EXPECT_EQ(in.read(nullptr, 4), 0);
+  in.scan_string(nullptr);
+  EXPECT_EQ(in.rdstate(), 2u);
+  EXPECT_EQ(in.get(), 'l');  // nothing was consumed
+  aio_istream unattached;
+  unattached.scan_string(nullptr);
+  EXPECT_EQ(unattached.rdstate(), 2u);
+
+  TempFile o;
+  aio_ostream out;
+  out.attach(o.get(), false);
+  out.write(nullptr, 3);
+  EXPECT_EQ(out.rdstate(), 2u);
+  out.write(nullptr, 0).write("ok", 2);
+  EXPECT_EQ(o.Contents(), "ok");
+}
+
 // The derived streams add no fields to the common record and have no virtual functions.
 static_assert(sizeof(aio_istream) == sizeof(aio_ios), "aio_istream adds no fields");
 static_assert(sizeof(aio_ostream) == sizeof(aio_ios), "aio_ostream adds no fields");
