@@ -70,6 +70,26 @@ TEST(StreamState, AttachClosesAnOwnedFileAndKeepsStateOtherwise) {
   EXPECT_EQ(s.fd(), fileno(third.get()));
 }
 
+TEST(StreamState, AttachingTheFileAlreadyHeldKeepsItOpen) {
+  TempFile t;
+  FILE* f = t.release();
+  const int fd = fileno(f);
+  aio_ostream s;
+  s.attach(f, true);
+  s.attach(s.fptr(), true);  // the owned FILE is not closed under the stream's feet
+  EXPECT_EQ(s.fptr(), f);
+  EXPECT_TRUE(DescriptorOpen(fd));
+  s.print("still open").flush();
+  EXPECT_TRUE(s.good());
+  char seen[16] = {};
+  EXPECT_EQ(pread(fd, seen, sizeof seen, 0), 10);
+  EXPECT_STREQ(seen, "still open");
+  s.attach(f, false);  // now merely held: destruction leaves it open
+  EXPECT_TRUE(DescriptorOpen(fd));
+  EXPECT_FALSE(s.close());
+  EXPECT_FALSE(DescriptorOpen(fd));
+}
+
 TEST(StreamState, DestroyingAStreamClosesOnlyAnOwnedFile) {
   TempFile owned, borrowed;
   const int ownedFd = fileno(owned.get());
