@@ -171,7 +171,7 @@ aio_istream& aio_istream::putback(char c) {
 }
 
 int aio_istream::read(char* buf, int n) {
-  if (!stream_ || n < 0 || (!buf && n > 0)) {
+  if (!stream_ || n < 0 || !buf) {
     failInput();
     return 0;
   }
