@@ -33,7 +33,8 @@ bool aio_ios::close() {
 }
 
 aio_ios& aio_ios::attach(FILE* f, bool owns) {
-  if (owns_) close();
+  // Re-attaching the FILE the stream already holds must not close it.
+  if (owns_ && f != stream_) close();
   stream_ = f;
   owns_ = owns;
   return *this;

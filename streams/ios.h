@@ -55,8 +55,8 @@ class ZMXUTI_API aio_ios {
   // when fclose failed: false on success and when nothing was attached. In every
   // case the state becomes 0 and the stream stops owning.
   bool close();
-  // Closes an owned FILE first, then attaches f. The state is kept when the
-  // previous FILE was not owned.
+  // Closes an owned FILE first (unless it is f itself), then attaches f. The
+  // state is kept when the previous FILE was not owned.
   aio_ios& attach(FILE* f, bool owns);
 
   unsigned int flags() const { return flags_; }

@@ -109,6 +109,10 @@ char aio_istream::scan_char() {
 }
 
 aio_istream& aio_istream::scan_string(char* buf) {
+  if (!buf) {
+    failInput();
+    return *this;
+  }
   if (!stream_ || std::fscanf(stream_, "%s", buf) == EOF) {
     failInput();
     buf[0] = '\0';
@@ -117,7 +121,7 @@ aio_istream& aio_istream::scan_string(char* buf) {
 }
 
 aio_istream& aio_istream::getline(char* buf, int n) {
-  if (!stream_) {
+  if (!stream_ || !buf) {
     failInput();
     return *this;
   }
@@ -167,7 +171,7 @@ aio_istream& aio_istream::putback(char c) {
 }
 
 int aio_istream::read(char* buf, int n) {
-  if (!stream_ || n < 0) {
+  if (!stream_ || n < 0 || !buf) {
     failInput();
     return 0;
   }

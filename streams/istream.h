@@ -9,7 +9,7 @@
 //
 // Every failure runs the input failure step: failure bit, then the bad bit when
 // the FILE reports an error, else the end-of-file bit at end of file. Reading
-// from an unattached stream only fails.
+// from an unattached stream, or into a null buffer, only fails.
 #ifndef ZMXUTI_STREAMS_ISTREAM_H
 #define ZMXUTI_STREAMS_ISTREAM_H
 

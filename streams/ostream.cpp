@@ -135,7 +135,7 @@ aio_ostream& aio_ostream::putSlow(char c) {
 }
 
 aio_ostream& aio_ostream::write(const char* buf, int n) {
-  if (!stream_ || n < 0) {
+  if (!stream_ || n < 0 || !buf) {
     failOutput();
     return *this;
   }

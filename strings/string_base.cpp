@@ -38,8 +38,11 @@ inline int CheckedLength(std::int64_t n) {
 inline int ClampToRange(int value, int low, int high) { return value < low ? low : (value > high ? high : value); }
 
 // Bytes available from a source: min(srcLen - from, count), never negative.
-inline int SourceBytes(int srcLen, int from, int count) {
-  const std::int64_t rest = static_cast<std::int64_t>(srcLen) - from;
+// A negative offset counts as 0 (the bytes before the source are not the
+// caller's), and a null source has no bytes.
+inline int SourceBytes(const char* src, int srcLen, int from, int count) {
+  if (src == nullptr) return 0;
+  const std::int64_t rest = static_cast<std::int64_t>(srcLen) - std::max(from, 0);
   const std::int64_t m = std::min<std::int64_t>(rest, count);
   return m > 0 ? static_cast<int>(m) : 0;
 }
@@ -188,6 +191,7 @@ atr_StringBase::atr_StringBase(const char* text) : m_text(nullptr), m_rep(nullpt
 }
 
 atr_StringBase::atr_StringBase(const char* text, int n) : m_text(nullptr), m_rep(nullptr) {
+  if (text == nullptr) return;
   if (n < 0) n = 0;
   CreateRep(n, n);
   if (n > 0) std::memcpy(m_text, text, static_cast<std::size_t>(n));
@@ -349,7 +353,7 @@ void atr_StringBase::Splice(int pos, int removed, const char* src, int added) {
 }
 
 void atr_StringBase::append(const char* src, int srcLen, int from, int count) {
-  const int m = SourceBytes(srcLen, from, count);
+  const int m = SourceBytes(src, srcLen, from, count);
   if (m == 0) return;
   const int length = Length();
   const int newLength = CheckedLength(static_cast<std::int64_t>(length) + m);
@@ -361,7 +365,7 @@ void atr_StringBase::append(const char* src, int srcLen, int from, int count) {
 }
 
 void atr_StringBase::insert(int pos, const char* src, int srcLen, int from, int count) {
-  const int m = SourceBytes(srcLen, from, count);
+  const int m = SourceBytes(src, srcLen, from, count);
   if (m == 0) return;
   pos = ClampToRange(pos, 0, Length());
   const SourceCopy bytes(src + std::max(from, 0), m, CStr(), Length());
@@ -372,7 +376,7 @@ void atr_StringBase::replace(int pos, int count, const char* src, int srcLen, in
   const int length = Length();
   pos = ClampToRange(pos, 0, length);
   const int d = ClampToRange(count, 0, length - pos);
-  const int m = SourceBytes(srcLen, from, count2);
+  const int m = SourceBytes(src, srcLen, from, count2);
   if (d == 0 && m == 0) return;
   const SourceCopy bytes(m > 0 ? src + std::max(from, 0) : nullptr, m, CStr(), length);
   Splice(pos, d, bytes.Bytes(), m);

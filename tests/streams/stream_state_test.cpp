@@ -70,6 +70,26 @@ TEST(StreamState, AttachClosesAnOwnedFileAndKeepsStateOtherwise) {
   EXPECT_EQ(s.fd(), fileno(third.get()));
 }
 
+TEST(StreamState, AttachingTheFileAlreadyHeldKeepsItOpen) {
+  TempFile t;
+  FILE* f = t.release();
+  const int fd = fileno(f);
+  aio_ostream s;
+  s.attach(f, true);
+  s.attach(s.fptr(), true);  // the owned FILE is not closed under the stream's feet
+  EXPECT_EQ(s.fptr(), f);
+  EXPECT_TRUE(DescriptorOpen(fd));
+  s.print("still open").flush();
+  EXPECT_TRUE(s.good());
+  char seen[16] = {};
+  EXPECT_EQ(pread(fd, seen, sizeof seen, 0), 10);
+  EXPECT_STREQ(seen, "still open");
+  s.attach(f, false);  // now merely held: destruction leaves it open
+  EXPECT_TRUE(DescriptorOpen(fd));
+  EXPECT_FALSE(s.close());
+  EXPECT_FALSE(DescriptorOpen(fd));
+}
+
 TEST(StreamState, DestroyingAStreamClosesOnlyAnOwnedFile) {
   TempFile owned, borrowed;
   const int ownedFd = fileno(owned.get());
@@ -210,6 +230,29 @@ TEST(StreamState, ANullTextIsAnOutputFailureNotACrash) {
   EXPECT_EQ(s.rdstate(), 2u);
   aio_setwidth(s, 3).print(nullptr).print("x");
   EXPECT_EQ(t.Contents(), "  x");
+}
+
+TEST(StreamState, ANullBufferIsAFailureNotACrash) {
+  TempFile t("line\nmore");
+  aio_istream in;
+  in.attach(t.get(), false);
+  in.getline(nullptr, 8);
+  EXPECT_EQ(in.rdstate(), 2u);
+  EXPECT_EQ(in.read(nullptr, 4), 0);
+  in.scan_string(nullptr);
+  EXPECT_EQ(in.rdstate(), 2u);
+  EXPECT_EQ(in.get(), 'l');  // nothing was consumed
+  aio_istream unattached;
+  unattached.scan_string(nullptr);
+  EXPECT_EQ(unattached.rdstate(), 2u);
+
+  TempFile o;
+  aio_ostream out;
+  out.attach(o.get(), false);
+  out.write(nullptr, 3);
+  EXPECT_EQ(out.rdstate(), 2u);
+  out.write(nullptr, 0).write("ok", 2);
+  EXPECT_EQ(o.Contents(), "ok");
 }
 
 // The derived streams add no fields to the common record and have no virtual functions.

@@ -339,6 +339,62 @@ TEST(StringStorage, GetHandsBackTheOldStorage) {
   EXPECT_NE(sharer.Rep(), r.Rep());
 }
 
+TEST(StringStorage, IsolateAndGetSizeTheNewRepresentationByTheirRules) {
+  // Shared: room for n characters, or for the current length when n is 0 or
+  // smaller than the text; the sharer keeps the old representation.
+  TestString a("abc");
+  TestString b(a);
+  b.isolate(0);
+  EXPECT_EQ(b.Capacity(), 20);
+  EXPECT_NE(b.Rep(), a.Rep());
+  EXPECT_EQ(b.Str(), "abc");
+  TestString c(a);
+  c.isolate(100);
+  EXPECT_EQ(c.Capacity(), 116);
+  EXPECT_EQ(c.Str(), "abc");
+  const std::string text = Repeat(100, 'm');
+  TestString d(text.c_str());
+  TestString e(d);
+  e.isolate(5);
+  EXPECT_EQ(e.Capacity(), 116);
+  EXPECT_EQ(e.Str(), text);
+  EXPECT_EQ(d.RefCount(), 1);
+  // Sole owner: capacity equal to n is not enough, one more is.
+  TestString f(Repeat(14).c_str());  // capacity 20
+  const char* before = f.CStr();
+  f.isolate(19);
+  EXPECT_EQ(f.CStr(), before);
+  EXPECT_EQ(f.Capacity(), 20);
+  f.isolate(20);
+  EXPECT_NE(f.CStr(), before);
+  EXPECT_EQ(f.Capacity(), 52);
+  EXPECT_EQ(f.Str(), Repeat(14));
+
+  // Assignment goes through get: in place while the capacity exceeds the new length.
+  TestString g("abcdef");  // capacity 20
+  const char* gText = g.CStr();
+  g = Repeat(19, 'p').c_str();
+  EXPECT_EQ(g.CStr(), gText);
+  EXPECT_EQ(g.Str(), Repeat(19, 'p'));
+  g = Repeat(20, 'q').c_str();
+  EXPECT_EQ(g.Capacity(), 52);
+  EXPECT_EQ(g.Str(), Repeat(20, 'q'));
+
+  // get on borrowed text: nothing to free, the caller's storage is left alone.
+  char caller[] = "borrowed";
+  TestString h(caller, 8, atr_StringBase::BORROW);
+  EXPECT_EQ(h.get(3), nullptr);
+  EXPECT_EQ(h.Capacity(), 20);
+  EXPECT_EQ(h.Length(), 0);
+  EXPECT_NE(h.CStr(), caller);
+  EXPECT_STREQ(caller, "borrowed");
+  // get on the empty handle creates room and returns nothing.
+  TestString empty;
+  EXPECT_EQ(empty.get(40), nullptr);
+  EXPECT_EQ(empty.Capacity(), 52);
+  EXPECT_STREQ(empty.CStr(), "");
+}
+
 TEST(StringEdit, EditsClampCountsAndTolerateTheirOwnText) {
   TestString s("hello");
   s.insert(5, " world!!", 8, 0, 6);
@@ -381,6 +437,27 @@ TEST(StringEdit, EditsClampCountsAndTolerateTheirOwnText) {
   std::memcpy(const_cast<char*>(pre.CStr()), "written", 8);
   pre.SetStringLength(7);
   EXPECT_EQ(pre.Str(), "written");
+}
+
+TEST(StringEdit, SourceOffsetsBeforeTheSourceAndNullSourcesTakeNoForeignBytes) {
+  // The bytes behind the first three must never be read: a negative offset
+  // counts from the start of the source, not before it.
+  const char src[] = "abcXYZ";
+  TestString s("0");
+  s.append(src, 3, -2, atr_StringBase::kAll);
+  EXPECT_EQ(s.Str(), "0abc");
+  s.insert(0, src, 3, -5, 2);
+  EXPECT_EQ(s.Str(), "ab0abc");
+  s.replace(0, 2, src, 3, -1, atr_StringBase::kAll);
+  EXPECT_EQ(s.Str(), "abc0abc");
+  // A null source has no bytes, whatever length the caller claims.
+  s.append(nullptr, 5, 0, 5);
+  s.insert(1, nullptr, 5, 1, 5);
+  s.replace(0, 1, nullptr, 5, 0, 5);
+  EXPECT_EQ(s.Str(), "bc0abc");
+  TestString fromNull(static_cast<const char*>(nullptr), 4);
+  EXPECT_EQ(fromNull.Length(), 0);
+  EXPECT_STREQ(fromNull.CStr(), "");
 }
 
 TEST(StringCase, OneByteLettersChangeByThirtyTwo) {
