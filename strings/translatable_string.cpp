@@ -57,6 +57,7 @@ atr_String& atr_String::Append(const atr_String& s) {
 }
 
 atr_String atr_String::Substr(std::size_t pos, std::size_t n) const {
+  if (pos > Length()) pos = Length();  // a start past the end gives the empty string
   const std::size_t rest = Length() - pos;
   return atr_String(CStr() + pos, n < rest ? n : rest);
 }

@@ -194,6 +194,9 @@ TEST(TranslatableString, ReplaceNonTranslatedFillsTheFirstPlaceholderOnly) {
   EXPECT_EQ(Str(g), "<|s|9|name>");
   EXPECT_EQ(Str(atr_raw("ab") + atr_String(12)), "ab12");
   EXPECT_EQ(Str(atr_raw("abcdef").Substr(2, 100)), "cdef");
+  EXPECT_EQ(Str(atr_raw("abcdef").Substr(6, 3)), "");
+  EXPECT_EQ(Str(atr_raw("abcdef").Substr(7, 3)), "");  // past the end: nothing is read
+  EXPECT_EQ(Str(atr_raw("abcdef").Substr(1000000, 1)), "");
 }
 
 TEST(TranslatableString, ExtractSplitsFieldsAndUnquotes) {
