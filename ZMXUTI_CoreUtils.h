@@ -6,5 +6,11 @@
 #include "core/startup.h"
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
+#include "containers/blocked_array.h"
+#include "containers/blk_bit_vect.h"
+#include "containers/int_set.h"
+#include "containers/uint_table.h"
+#include "containers/int_table.h"
+#include "containers/int_multimap.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H
