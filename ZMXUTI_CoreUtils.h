@@ -12,5 +12,9 @@
 #include "containers/uint_table.h"
 #include "containers/int_table.h"
 #include "containers/int_multimap.h"
+#include "streams/ios.h"
+#include "streams/istream.h"
+#include "streams/ostream.h"
+#include "streams/standard_streams.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H
