@@ -8,7 +8,7 @@
 namespace omi_internal {
 
 // Bits set per byte value; the reference count that the faster paths must match.
-extern const unsigned char kBitsInByte[256];
+ZMXUTI_INTERNAL_API extern const unsigned char kBitsInByte[256];
 
 // Set bits of a word by four byte-table look-ups.
 inline unsigned int CountBitsByTable(unsigned int word) {
