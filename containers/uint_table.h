@@ -59,6 +59,12 @@ class ZMXUTI_API omi_UintTableBlock : public omi_BlockedArray<T> {
   omi_BlkBitVect& Bits() { return bits_; }
   // The value slot of an offset whose page exists, null otherwise.
   T* Slot(unsigned int offset) const { return this->CellAt(offset); }
+  // The value of a present offset, null when the offset is absent. A set bit
+  // means its value page was written, so the page needs no presence test.
+  const T* Find(unsigned int offset) const {
+    if (!bits_.TestBit(offset)) return nullptr;
+    return this->directory_[offset >> this->pageShift_] + (offset & this->pageMask_);
+  }
 
  private:
   omi_BlkBitVect bits_;
@@ -95,9 +101,7 @@ class ZMXUTI_API omi_UintTable {
   // The key's value, null when the key is absent.
   const T* Find(unsigned int key) const {
     const omi_UintTableBlock<T>* block = BlockOf(key);
-    if (block == nullptr) return nullptr;
-    const unsigned int offset = key & offsetMask_;
-    return block->Contains(offset) ? block->Slot(offset) : nullptr;
+    return block != nullptr ? block->Find(key & offsetMask_) : nullptr;
   }
 
   unsigned int Count() const { return count_; }

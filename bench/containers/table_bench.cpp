@@ -143,7 +143,7 @@ std::vector<std::uint32_t> MakeKeys(const std::string& kind, std::size_t n, unsi
     // Windows of 4,096 keys at random places over the 32-bit range, half of each taken.
     while (keys.size() < n) {
       const std::uint32_t base = static_cast<std::uint32_t>(rng()) & ~4095u;
-      for (std::uint32_t i = 0; i < 4096 && keys.size() < n; i += 1 + (rng() & 1) * 1) {
+      for (std::uint32_t i = 0; i < 4096 && keys.size() < n; ++i) {
         if (rng() & 1) keys.push_back(base + i);
       }
     }
