@@ -16,5 +16,12 @@
 #include "streams/istream.h"
 #include "streams/ostream.h"
 #include "streams/standard_streams.h"
+#include "strings/string_rep.h"
+#include "strings/string_base.h"
+#include "strings/locale.h"
+#include "strings/natural_order.h"
+#include "strings/utf8.h"
+#include "strings/translatable_string.h"
+#include "strings/translate.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H

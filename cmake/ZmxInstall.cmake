@@ -22,5 +22,7 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ZMXUTI_CoreUtilsCon
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZMXUTI_CoreUtilsConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/ZMXUTI_CoreUtilsConfigVersion.cmake
   DESTINATION ${ZMX_INSTALL_CMAKEDIR})
+# The .pc file finds its prefix relative to itself, so an installed tree can move.
+file(RELATIVE_PATH ZMX_PC_TO_PREFIX /root/${CMAKE_INSTALL_LIBDIR}/pkgconfig /root)
 configure_file(cmake/ZMXUTI_CoreUtils.pc.in ${CMAKE_CURRENT_BINARY_DIR}/ZMXUTI_CoreUtils.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZMXUTI_CoreUtils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,15 +1,15 @@
 // The general heap filling of the allocation table (the default allocator).
-// Until the heap is in place its slots serve the runtime heap.
+#include "mem/general_heap.h"
 #include "mem/internal/alloc_table.h"
-#include "mem/internal/runtime_heap.h"
 
 namespace zmx {
 namespace mem_internal {
 
 const AllocTable kGeneralHeapTable = {
-    RuntimeMalloc, RuntimeCalloc, RuntimeRealloc, RuntimeFree, NoTrim,  NoMallopt,
-    NoSize,        NoSize,        NoSize,         NoMallinfo,  NoStatus, NoSize,
-    RuntimeMemalign,
+    dlmalloc,           dlcalloc,  dlrealloc,          dlfree,          dlmalloc_trim,
+    dlmallopt,          dlmalloc_footprint, dlmalloc_max_footprint, dlmalloc_memory_limit,
+    dlmallinfo,         error_memory_limit, dlfragmentationinfo,
+    dlmemalign,
 };
 
 }  // namespace mem_internal

@@ -1,0 +1,9 @@
+#!/bin/sh
+# Builds the allocator benchmark in release mode and runs the whole comparison.
+# Usage: bench/alloc/run.sh [--quick]   (results in build-bench/alloc_bench*.md|svg)
+set -e
+root=$(cd "$(dirname "$0")/../.." && pwd)
+build="$root/build-bench"
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZMX_BUILD_BENCH=ON -DZMX_BUILD_TESTS=OFF >/dev/null
+ninja -C "$build" -j2 alloc_bench
+"$build/bench/alloc/alloc_bench" --out "$build" "$@"

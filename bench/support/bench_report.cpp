@@ -1,0 +1,130 @@
+// Table, markdown and SVG output for benchmark reports.
+#include "bench_report.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+namespace zmx_bench {
+
+void Report::Add(const std::string& workload, const std::string& contender, double value, const std::string& unit) {
+  entries_.push_back(Entry{workload, contender, unit, value});
+}
+
+std::vector<std::string> Report::Workloads() const {
+  std::vector<std::string> names;
+  for (const Entry& e : entries_)
+    if (std::find(names.begin(), names.end(), e.workload) == names.end()) names.push_back(e.workload);
+  return names;
+}
+
+std::vector<std::string> Report::Contenders() const {
+  std::vector<std::string> names;
+  for (const Entry& e : entries_)
+    if (std::find(names.begin(), names.end(), e.contender) == names.end()) names.push_back(e.contender);
+  return names;
+}
+
+const Report::Entry* Report::Find(const std::string& workload, const std::string& contender) const {
+  for (const Entry& e : entries_)
+    if (e.workload == workload && e.contender == contender) return &e;
+  return nullptr;
+}
+
+double Report::Ratio(const std::string& workload, const std::string& contender, const std::string& baseline) const {
+  const Entry* value = Find(workload, contender);
+  const Entry* base = Find(workload, baseline);
+  if (value == nullptr || base == nullptr || value->value <= 0 || base->value <= 0) return 0;
+  return higherIsBetter_ ? value->value / base->value : base->value / value->value;
+}
+
+std::string Report::MarkdownText(const std::string& baseline) const {
+  std::ostringstream out;
+  out << "## " << title_ << "\n\n| workload | contender | value | ratio to " << baseline << " |\n|---|---|---:|---:|\n";
+  char buf[128];
+  for (const std::string& w : Workloads()) {
+    for (const std::string& c : Contenders()) {
+      const Entry* e = Find(w, c);
+      if (e == nullptr) continue;
+      std::snprintf(buf, sizeof buf, "%.4g %s | %.2f", e->value, e->unit.c_str(), Ratio(w, c, baseline));
+      out << "| " << w << " | " << c << " | " << buf << " |\n";
+    }
+  }
+  return out.str();
+}
+
+void Report::PrintTable(const std::string& baseline) const {
+  std::printf("\n%s (ratio > 1: better than %s)\n", title_.c_str(), baseline.c_str());
+  std::printf("%-28s %-22s %16s %10s\n", "workload", "contender", "value", "ratio");
+  for (const std::string& w : Workloads()) {
+    for (const std::string& c : Contenders()) {
+      const Entry* e = Find(w, c);
+      if (e == nullptr) continue;
+      char value[64];
+      std::snprintf(value, sizeof value, "%.4g %s", e->value, e->unit.c_str());
+      std::printf("%-28s %-22s %16s %10.2f\n", w.c_str(), c.c_str(), value, Ratio(w, c, baseline));
+    }
+  }
+}
+
+bool Report::WriteMarkdown(const std::string& path, const std::string& baseline) const {
+  std::ofstream out(path);
+  out << MarkdownText(baseline);
+  return static_cast<bool>(out);
+}
+
+bool Report::WriteSvg(const std::string& path, const std::string& baseline) const {
+  static const char* const kColours[] = {"#4e79a7", "#f28e2b", "#e15759", "#76b7b2", "#59a14f",
+                                         "#edc948", "#b07aa1", "#ff9da7", "#9c755f", "#bab0ac"};
+  const std::vector<std::string> workloads = Workloads();
+  const std::vector<std::string> contenders = Contenders();
+  double top = 1.0;
+  for (const std::string& w : workloads)
+    for (const std::string& c : contenders) top = std::max(top, Ratio(w, c, baseline));
+  const int barWidth = 16, groupGap = 30, plotHeight = 300, left = 60, topMargin = 50;
+  const int groupWidth = static_cast<int>(contenders.size()) * barWidth + groupGap;
+  const int width = left + static_cast<int>(workloads.size()) * groupWidth + 200;
+  const int height = topMargin + plotHeight + 120;
+  std::ofstream out(path);
+  out << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
+      << "\" font-family=\"sans-serif\" font-size=\"11\">\n<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n"
+      << "<text x=\"" << left << "\" y=\"20\" font-size=\"15\">" << title_ << " (ratio to " << baseline
+      << ", higher is better)</text>\n";
+  auto y = [&](double ratio) { return topMargin + plotHeight - static_cast<int>(ratio / top * plotHeight); };
+  out << "<line x1=\"" << left << "\" x2=\"" << width - 200 << "\" y1=\"" << y(1.0) << "\" y2=\"" << y(1.0)
+      << "\" stroke=\"black\" stroke-dasharray=\"4\"/>\n<text x=\"5\" y=\"" << y(1.0) + 4 << "\">1.0</text>\n"
+      << "<text x=\"5\" y=\"" << y(top) + 4 << "\">" << static_cast<int>(top * 10) / 10.0 << "</text>\n";
+  for (std::size_t wi = 0; wi < workloads.size(); ++wi) {
+    const int x0 = left + static_cast<int>(wi) * groupWidth;
+    for (std::size_t ci = 0; ci < contenders.size(); ++ci) {
+      const double r = Ratio(workloads[wi], contenders[ci], baseline);
+      if (r <= 0) continue;
+      const int x = x0 + static_cast<int>(ci) * barWidth;
+      out << "<rect x=\"" << x << "\" y=\"" << y(r) << "\" width=\"" << barWidth - 2 << "\" height=\""
+          << topMargin + plotHeight - y(r) << "\" fill=\"" << kColours[ci % 10] << "\"><title>" << contenders[ci]
+          << ": " << r << "</title></rect>\n";
+    }
+    out << "<text transform=\"translate(" << x0 + 4 << "," << topMargin + plotHeight + 12
+        << ") rotate(30)\">" << workloads[wi] << "</text>\n";
+  }
+  for (std::size_t ci = 0; ci < contenders.size(); ++ci) {
+    const int ly = topMargin + static_cast<int>(ci) * 16;
+    out << "<rect x=\"" << width - 190 << "\" y=\"" << ly << "\" width=\"12\" height=\"12\" fill=\""
+        << kColours[ci % 10] << "\"/><text x=\"" << width - 172 << "\" y=\"" << ly + 10 << "\">" << contenders[ci]
+        << "</text>\n";
+  }
+  out << "</svg>\n";
+  return static_cast<bool>(out);
+}
+
+double PeakResidentMiB() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
+  }
+  return 0;
+}
+
+}  // namespace zmx_bench

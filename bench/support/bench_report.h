@@ -1,0 +1,51 @@
+// Benchmark reporting shared by every benchmark program: collects one value per
+// (workload, contender), prints a table with ratios to a baseline contender,
+// and writes the same as a markdown table and an SVG bar chart.
+#ifndef ZMXUTI_BENCH_SUPPORT_BENCH_REPORT_H
+#define ZMXUTI_BENCH_SUPPORT_BENCH_REPORT_H
+
+#include <string>
+#include <vector>
+
+namespace zmx_bench {
+
+class Report {
+ public:
+  // `higherIsBetter`: true for throughputs, false for times or bytes.
+  explicit Report(std::string title, bool higherIsBetter = true)
+      : title_(std::move(title)), higherIsBetter_(higherIsBetter) {}
+
+  void Add(const std::string& workload, const std::string& contender, double value, const std::string& unit);
+
+  // Prints "workload | contender | value unit | ratio" rows; the ratio is
+  // value / baseline value for throughputs and baseline / value otherwise, so
+  // above 1 always means better than the baseline.
+  void PrintTable(const std::string& baselineContender) const;
+  bool WriteMarkdown(const std::string& path, const std::string& baselineContender) const;
+  // One group of bars per workload, one bar per contender, heights as ratios to the baseline.
+  bool WriteSvg(const std::string& path, const std::string& baselineContender) const;
+
+  // The ratio of `contender` to the baseline on `workload`, 0 when either is missing.
+  double Ratio(const std::string& workload, const std::string& contender, const std::string& baseline) const;
+
+ private:
+  struct Entry {
+    std::string workload, contender, unit;
+    double value;
+  };
+  std::vector<std::string> Workloads() const;
+  std::vector<std::string> Contenders() const;
+  const Entry* Find(const std::string& workload, const std::string& contender) const;
+  std::string MarkdownText(const std::string& baselineContender) const;
+
+  std::string title_;
+  bool higherIsBetter_;
+  std::vector<Entry> entries_;
+};
+
+// Peak resident set size of this process in MiB (VmHWM).
+double PeakResidentMiB();
+
+}  // namespace zmx_bench
+
+#endif  // ZMXUTI_BENCH_SUPPORT_BENCH_REPORT_H

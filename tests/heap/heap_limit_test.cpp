@@ -1,0 +1,86 @@
+// The memory limit of the general heap in fresh processes: the strictly-less
+// rule and its status, the one-call lag, recovery after release, and what the
+// front door makes of a refusal; plus the first fragmentation query and the
+// abort on a damaged heap.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+
+#include "support/child_process.h"
+
+namespace {
+
+using zmx_test::Describe;
+using zmx_test::RunProbe;
+
+std::string Scenario(const std::string& name) {
+  const auto result = RunProbe("heap_probe", name);
+  EXPECT_TRUE(result.exited && result.exitCode == 0) << Describe(result);
+  return result.out;
+}
+
+TEST(HeapLimit, ARequestReachingTheLimitExactlyIsRefusedAndHeldSpaceStillServes) {
+  EXPECT_EQ(Scenario("limit_boundary"),
+            "status_start 0\n"
+            "exact_refused 1\n"
+            "status_after_refusal -1\n"
+            "small_served 1\n"
+            "status_after_small -1\n"
+            "footprint_unchanged 1\n"
+            "one_more_allowed 1\n"
+            "status_after_allowed 0\n");
+}
+
+TEST(HeapLimit, ANewLimitIsStoredAtOnceButEnforcedFromTheNextMalloptCall) {
+  EXPECT_EQ(Scenario("limit_lag"),
+            "mallopt 1\n"
+            "stored 1\n"
+            "served_before_next_call 1\n"
+            "status 0\n"
+            "served_after_next_call 0\n"
+            "status_after -1\n"
+            "mem_MemoryLimit 1\n");
+}
+
+TEST(HeapLimit, AFullHeapServesAgainOnceMemoryGoesBack) {
+  EXPECT_EQ(Scenario("limit_recovery"),
+            "filled 1\n"
+            "status_full -1\n"
+            "footprint_below_limit 1\n"
+            "served_after_free 1\n"
+            "status_after_free 0\n"
+            "big_after_release 1\n");
+}
+
+TEST(HeapLimit, FrontDoorReturnsNullThrowsBadAllocationOrRetriesThroughTheNewHandler) {
+  EXPECT_EQ(Scenario("front_door_limit"),
+            "mem_Malloc_null 1\n"
+            "mem_ErrorMemoryLimit -1\n"
+            "new_nothrow_null 1\n"
+            "new_null_without_handler 1\n"
+            "bad_alloc_what bad allocation\n"
+            "builtin_what bad allocation\n"
+            "retry_served 1\n"
+            "handler_calls 1\n"
+            "status_after_retry 0\n"
+            "operator_new_retry_served 1\n"
+            "operator_new_handler_calls 1\n");
+}
+
+TEST(HeapFragmentation, ZeroBeforeAnyAllocationThenTheLargestFreeChunk) {
+  EXPECT_EQ(Scenario("first_fragmentation"),
+            "before_any_allocation 0\n"
+            "largest_is_freed_chunk 1\n"
+            "mem_FragmentationInfo 1\n");
+}
+
+TEST(HeapCorruption, ADoubleFreeAbortsWithTheHeapMessage) {
+  const auto result = RunProbe("heap_probe", "double_free");
+  EXPECT_FALSE(result.exited) << Describe(result);
+  EXPECT_EQ(result.signal, SIGABRT) << Describe(result);
+  EXPECT_EQ(result.err, "ERROR: general heap corrupted (free of a block that is not in use)\n");
+  EXPECT_EQ(result.out.find("survived"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,268 @@
+// Fresh-process scenarios for the allocation front door: the allocator choice
+// from the environment, allocation before start-up, size checking, the
+// small-object routing (over marked test pages) and the tracker reports
+// (recorded by a test sink). Each scenario prints what it observed.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "ZMXUTI_CoreUtils.h"
+#include "mem/internal/alloc_table.h"
+#include "mem/internal/small_object_hooks.h"
+#include "mem/internal/tracker_hooks.h"
+
+namespace {
+
+using namespace zmx::mem_internal;
+
+void Up() {
+  int depth = 0;
+  UTI_CoreUtils_initialize(depth);
+}
+
+// Calls through a volatile pointer so the compiler cannot assume a non-null result.
+void* (*volatile g_globalNew)(std::size_t) = &::operator new;
+
+// ------------------------------------------------------------ allocator choice
+
+void Choice() {
+  Up();
+  void* p = mem_Malloc(1000);
+  std::printf("usedl=%d block=%d footprint=%d\n", mem_UseDL() ? 1 : 0, p != nullptr ? 1 : 0,
+              mem_Footprint() > 0 ? 1 : 0);
+  mem_Free(p);
+}
+
+void NewBeforeInit() {
+  int* p = static_cast<int*>(g_globalNew(sizeof(int)));
+  *p = 7;
+  std::printf("allocated=%d usedl=%d\n", *p, mem_UseDL() ? 1 : 0);
+  // The choice is made; a later start-up must not read the environment again.
+  setenv("ZMX_DLALLOCATOR", "1", 1);
+  setenv("ZMX_CRTMALLOC", "1", 1);
+  Up();
+  std::printf("after_init usedl=%d\n", mem_UseDL() ? 1 : 0);
+  ::operator delete(p);
+}
+
+void MallocBeforeInit() {
+  void* p = mem_Malloc(10);
+  std::printf("allocated=%d\n", p != nullptr ? 1 : 0);
+}
+
+// ------------------------------------------------------------- size checking
+
+void SizeCheck(const char* entry, std::size_t size) {
+  Up();
+  void* p = nullptr;
+  if (std::strcmp(entry, "throw") == 0) p = mem_OperatorNewThrow(size);
+  if (std::strcmp(entry, "nothrow") == 0) p = mem_OperatorNewNoThrow(size, std::nothrow);
+  if (std::strcmp(entry, "tinythrow") == 0) p = mem_OperatorNewTinyThrow(size);
+  if (std::strcmp(entry, "tinynothrow") == 0) p = mem_OperatorNewTinyNoThrow(size, std::nothrow);
+  if (std::strcmp(entry, "builtin") == 0) p = mem_OperatorNewThrowBuiltin(size);
+  std::printf("allocated %s %zu %d\n", entry, size, p != nullptr ? 1 : 0);
+  mem_Free(p);
+}
+
+// ------------------------------------------------- small objects on test pages
+
+// A stand-in small-object allocator: one marked 4096-byte page with 128-byte
+// slots; it can be told to fail the next few requests.
+struct TestPages {
+  alignas(4096) unsigned char page[4096];
+  int nextSlot = 1;
+  int allocations = 0, frees = 0, reallocs = 0, lockCalls = 0, failNext = 0;
+  bool lastLock = false;
+} g_pages;
+
+void* TestAllocate(std::size_t, bool) {
+  if (g_pages.failNext > 0) {
+    --g_pages.failNext;
+    return nullptr;
+  }
+  ++g_pages.allocations;
+  return g_pages.page + 128 * g_pages.nextSlot++;
+}
+void TestFree(void*) { ++g_pages.frees; }
+void* TestReallocate(void* block, std::size_t) {
+  ++g_pages.reallocs;
+  return block;
+}
+void TestSetLocking(bool on) {
+  ++g_pages.lockCalls;
+  g_pages.lastLock = on;
+}
+
+void InstallTestPages() {
+  std::uint64_t* words = reinterpret_cast<std::uint64_t*>(g_pages.page);
+  words[0] = reinterpret_cast<std::uintptr_t>(g_pages.page);
+  words[1] = 2880154539u;
+  InstallSmallObjectOps(SmallObjectOps{TestAllocate, TestFree, TestReallocate, TestSetLocking});
+}
+
+bool OnTestPage(const void* p) {
+  const unsigned char* c = static_cast<const unsigned char*>(p);
+  return c >= g_pages.page && c < g_pages.page + sizeof g_pages.page;
+}
+
+void Show(const char* label, void* a, void* b) {
+  std::printf("%s new=%s malloc=%s\n", label, OnTestPage(a) ? "small" : "heap", OnTestPage(b) ? "small" : "heap");
+}
+
+void Routing() {
+  Up();
+  InstallTestPages();
+  mem_TBAllocator(1);
+  void* n1 = ::operator new(100);
+  void* m1 = mem_Malloc(100);
+  Show("mode1", n1, m1);
+  void* big = ::operator new(129);
+  std::printf("mode1 new129=%s\n", OnTestPage(big) ? "small" : "heap");
+  ::operator delete(big);
+  mem_TBThreadLock(true);
+  std::printf("lock_calls_mode1=%d\n", g_pages.lockCalls);
+  mem_TBAllocator(2);
+  void* n2 = ::operator new[](128);
+  void* m2 = mem_Malloc(0);
+  Show("mode2", n2, m2);
+  void* c2 = mem_Calloc(1, 16);
+  std::printf("mode2 calloc=%s\n", OnTestPage(c2) ? "small" : "heap");
+  mem_TBThreadLock(true);
+  std::printf("lock_calls_mode2=%d lock=%d\n", g_pages.lockCalls, g_pages.lastLock ? 1 : 0);
+  void* r = mem_Realloc(m2, 20);
+  std::printf("realloc small=%d reallocs=%d\n", OnTestPage(r) ? 1 : 0, g_pages.reallocs);
+  mem_TBAllocator(1);  // mode 1 leaves mem_Malloc routing as mode 2 set it
+  void* m3 = mem_Malloc(50);
+  std::printf("mode1_after_2 malloc=%s\n", OnTestPage(m3) ? "small" : "heap");
+  mem_TBAllocator(0);
+  void* n4 = ::operator new(16);
+  void* m4 = mem_Malloc(16);
+  Show("mode0", n4, m4);
+  // Blocks handed out before the switch-off still go home.
+  ::operator delete(n1);
+  ::operator delete[](n2);
+  mem_Free(r);
+  mem_Free(m3);
+  ::operator delete(n4);
+  mem_Free(m4);
+  mem_Free(m1);
+  mem_Free(c2);
+  std::printf("allocations=%d frees=%d\n", g_pages.allocations, g_pages.frees);
+}
+
+void NewHandlerRetry() {
+  Up();
+  InstallTestPages();
+  mem_TBAllocator(2);
+  static int handlerCalls = 0;
+  std::set_new_handler([] { ++handlerCalls; });
+  g_pages.failNext = 3;
+  void* p = ::operator new(64);
+  std::printf("global_new small=%d handler_calls=%d\n", OnTestPage(p) ? 1 : 0, handlerCalls);
+  handlerCalls = 0;
+  g_pages.failNext = 2;
+  p = mem_OperatorNewTinyThrow(64);
+  std::printf("tiny_throw small=%d handler_calls=%d\n", OnTestPage(p) ? 1 : 0, handlerCalls);
+  std::set_new_handler(nullptr);
+  // Without a handler the NoThrow forms keep trying until a block comes.
+  g_pages.failNext = 5;
+  p = mem_OperatorNewTinyNoThrow(64, std::nothrow);
+  std::printf("tiny_nothrow small=%d failures_left=%d\n", OnTestPage(p) ? 1 : 0, g_pages.failNext);
+  g_pages.failNext = 1;
+  p = mem_OperatorNewNoThrowBuiltin(64);
+  std::printf("builtin_nothrow small=%d failures_left=%d\n", OnTestPage(p) ? 1 : 0, g_pages.failNext);
+  // ... while the Throw forms throw at the first failure, and global new returns null.
+  g_pages.failNext = 1;
+  try {
+    mem_OperatorNewTinyThrow(64);
+    std::printf("tiny_throw returned\n");
+  } catch (const std::bad_alloc& e) {
+    std::printf("tiny_throw threw \"%s\" failures_left=%d\n", e.what(), g_pages.failNext);
+  }
+  g_pages.failNext = 1;
+  std::printf("global_new null=%d\n", g_globalNew(64) == nullptr ? 1 : 0);
+}
+
+// -------------------------------------------------------- tracker reports
+
+struct RecordingSink final : TrackerSink {
+  char log[4096] = {};
+  int prepared = 0;
+  void Add(const char* kind, std::size_t a = 0, std::size_t b = 0) {
+    char line[96];
+    std::snprintf(line, sizeof line, "%s %zu %zu\n", kind, a, b);
+    std::strncat(log, line, sizeof log - std::strlen(log) - 1);
+  }
+  void RecordMalloc(void*, std::size_t size) override { Add("malloc", size); }
+  void RecordFree(void* block) override { Add("free", block == nullptr ? 0 : 1); }
+  void RecordNew(void*, std::size_t size) override { Add("new", size); }
+  void RecordDelete(void*) override { Add("delete"); }
+  void RecordRealloc(void* block, void* old, std::size_t size) override {
+    Add("realloc", size, (block != nullptr ? 1 : 0) + (old != nullptr ? 2 : 0));
+  }
+  void RecordCalloc(void*, std::size_t count, std::size_t size) override { Add("calloc", count, size); }
+  void RecordValloc(void*, std::size_t size) override { Add("valloc", size); }
+  void RecordRelease(void*) override { Add("release"); }
+  void RecordAcquire(void*) override { Add("acquire"); }
+  void PrepareThread() override { ++prepared; }
+} g_sink;
+
+void Tracking() {
+  InstallTrackerSink(&g_sink);
+  Up();
+  void* a = mem_Malloc(24);
+  a = mem_Realloc(a, 4000);
+  mem_Free(a);
+  mem_Free(nullptr);
+  void* c = mem_Calloc(3, 8);
+  mem_Release(c);
+  mem_Acquire(c);
+  mem_cFree(mem_cMalloc(8));  // never tracked
+  mem_Free(c);
+  void* n = g_globalNew(4);
+  ::operator delete(n);
+  void* arr = ::operator new[](0);
+  ::operator delete[](arr);
+  ::operator delete(static_cast<void*>(nullptr));  // null is ignored before any report
+  std::printf("prepared=%d\n%s", g_sink.prepared, g_sink.log);
+  // A process mode that leaves "on" stops every call site.
+  SetProcessTrackingMode(kTrackingShutDown);
+  std::free(nullptr);
+  g_sink.log[0] = '\0';
+  mem_Free(mem_Malloc(8));
+  ::operator delete(g_globalNew(2));
+  std::printf("after_shutdown=[%s]\n", g_sink.log);
+}
+
+struct Scenario {
+  const char* name;
+  void (*run)(int argc, char** argv);
+};
+
+const Scenario kScenarios[] = {
+    {"choice", [](int, char**) { Choice(); }},
+    {"new_before_init", [](int, char**) { NewBeforeInit(); }},
+    {"malloc_before_init", [](int, char**) { MallocBeforeInit(); }},
+    {"size_check", [](int argc, char** argv) {
+       if (argc > 3) SizeCheck(argv[2], std::strtoull(argv[3], nullptr, 10));
+     }},
+    {"routing", [](int, char**) { Routing(); }},
+    {"new_handler_retry", [](int, char**) { NewHandlerRetry(); }},
+    {"tracking", [](int, char**) { Tracking(); }},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return 2;
+  for (const Scenario& s : kScenarios) {
+    if (std::strcmp(argv[1], s.name) == 0) {
+      s.run(argc, argv);
+      return 0;
+    }
+  }
+  std::fprintf(stderr, "unknown scenario %s\n", argv[1]);
+  return 2;
+}

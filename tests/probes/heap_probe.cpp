@@ -1,0 +1,196 @@
+// Fresh-process scenarios for the general heap: the memory limit and its lag,
+// the limit seen through the front door (null, bad_alloc, new-handler retry),
+// the first fragmentation query and the abort on a damaged heap.
+// Prints one "name value" line per observation.
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "ZMXUTI_CoreUtils.h"
+
+namespace {
+
+constexpr std::size_t kBig = std::size_t(1) << 20;  // served by a direct mapping
+
+void Show(const char* what, long long value) { std::printf("%s %lld\n", what, value); }
+
+void Up() {
+  int depth = 0;
+  UTI_CoreUtils_initialize(depth);
+}
+
+// Makes the stored limit the one in force: the second dlmallopt call copies it.
+void SetLimitInForce(std::size_t limit) {
+  dlmallopt(-5, static_cast<int>(limit));
+  dlmallopt(-3, 262144);
+}
+
+// Bytes of footprint that one kBig request adds (its mapping).
+std::size_t MappingCost() {
+  const std::size_t before = dlmalloc_footprint();
+  void* p = dlmalloc(kBig);
+  const std::size_t cost = dlmalloc_footprint() - before;
+  dlfree(p);
+  return cost;
+}
+
+void LimitBoundary() {
+  Up();
+  dlfree(dlmalloc(20000));  // leaves free space held in the top chunk
+  const std::size_t cost = MappingCost();
+  const std::size_t footprint = dlmalloc_footprint();
+  Show("status_start", error_memory_limit());
+  SetLimitInForce(footprint + cost);  // footprint + cost == limit: refused
+  void* refused = dlmalloc(kBig);
+  Show("exact_refused", refused == nullptr);
+  Show("status_after_refusal", error_memory_limit());
+  void* small = dlmalloc(64);  // fits in the space already held
+  Show("small_served", small != nullptr);
+  Show("status_after_small", error_memory_limit());
+  Show("footprint_unchanged", dlmalloc_footprint() == footprint);
+  SetLimitInForce(footprint + cost + 1);
+  void* allowed = dlmalloc(kBig);
+  Show("one_more_allowed", allowed != nullptr);
+  Show("status_after_allowed", error_memory_limit());
+  dlfree(allowed);
+  dlfree(small);
+}
+
+void LimitLag() {
+  Up();
+  const std::size_t limit = dlmalloc_footprint() + 4096;
+  Show("mallopt", dlmallopt(-5, static_cast<int>(limit)));
+  Show("stored", dlmalloc_memory_limit() == limit);
+  void* p = dlmalloc(kBig);  // not yet in force
+  Show("served_before_next_call", p != nullptr);
+  Show("status", error_memory_limit());
+  dlfree(p);
+  dlmallopt(-1, 2097152);  // any call brings the limit into force
+  p = dlmalloc(kBig);
+  Show("served_after_next_call", p != nullptr);
+  Show("status_after", error_memory_limit());
+  Show("mem_MemoryLimit", mem_MemoryLimit() == limit);
+}
+
+// The heap fills up to its limit, refuses, and serves again once blocks go back.
+void LimitRecovery() {
+  Up();
+  SetLimitInForce(dlmalloc_footprint() + 16 * kBig);
+  std::vector<void*> blocks;
+  while (void* p = dlmalloc(kBig / 2 + 4096)) blocks.push_back(p);
+  Show("filled", blocks.size() >= 20 && blocks.size() <= 32);
+  Show("status_full", error_memory_limit());
+  Show("footprint_below_limit", dlmalloc_footprint() < dlmalloc_memory_limit());
+  dlfree(blocks.back());
+  blocks.pop_back();
+  void* again = dlmalloc(kBig / 2 + 4096);
+  Show("served_after_free", again != nullptr);
+  Show("status_after_free", error_memory_limit());
+  blocks.push_back(again);
+  for (void* p : blocks) dlfree(p);
+  dlmalloc_trim(0);
+  void* big = dlmalloc(8 * kBig);
+  Show("big_after_release", big != nullptr);
+  dlfree(big);
+}
+
+int g_handlerCalls = 0;
+void* g_reserve = nullptr;
+
+void FreeReserve() {
+  ++g_handlerCalls;
+  mem_Free(g_reserve);
+  g_reserve = nullptr;
+  std::set_new_handler(nullptr);
+}
+
+// Exhaustion under the limit as every front-door form reports it.
+void FrontDoorLimit() {
+  Up();
+  g_reserve = mem_Malloc(kBig);
+  mem_Mallopt(-5, static_cast<int>(mem_Footprint() + 4096));
+  mem_Mallopt(-3, 262144);
+  Show("mem_Malloc_null", mem_Malloc(kBig) == nullptr);
+  Show("mem_ErrorMemoryLimit", mem_ErrorMemoryLimit());
+  Show("new_nothrow_null", ::operator new(kBig, std::nothrow) == nullptr);
+  // Through a pointer: the compiler may assume the throwing form never yields null.
+  void* (*volatile plainNew)(std::size_t) = ::operator new;
+  Show("new_null_without_handler", plainNew(kBig) == nullptr);
+  try {
+    void* p = mem_OperatorNewThrow(kBig);
+    Show("throw_returned", p != nullptr);
+  } catch (const std::bad_alloc& e) {
+    std::printf("bad_alloc_what %s\n", e.what());
+  }
+  try {
+    void* p = mem_OperatorNewThrowBuiltin(kBig);
+    Show("builtin_returned", p != nullptr);
+  } catch (const std::bad_alloc& e) {
+    std::printf("builtin_what %s\n", e.what());
+  }
+  // A handler that gives memory back lets the retry succeed.
+  std::set_new_handler(FreeReserve);
+  void* p = mem_OperatorNewThrow(kBig);
+  Show("retry_served", p != nullptr);
+  Show("handler_calls", g_handlerCalls);
+  Show("status_after_retry", mem_ErrorMemoryLimit());
+  mem_Free(p);
+  g_reserve = mem_Malloc(kBig);
+  g_handlerCalls = 0;
+  std::set_new_handler(FreeReserve);
+  void* q = ::operator new(kBig);
+  Show("operator_new_retry_served", q != nullptr);
+  Show("operator_new_handler_calls", g_handlerCalls);
+  ::operator delete(q);
+}
+
+void FirstFragmentation() {
+  Show("before_any_allocation", static_cast<long long>(dlfragmentationinfo()));
+  Up();
+  void* a = dlmalloc(100);
+  void* b = dlmalloc(5000);
+  void* c = dlmalloc(100);
+  const std::size_t chunk = dlmalloc_usable_size(b) + sizeof(std::size_t);
+  dlfree(b);
+  Show("largest_is_freed_chunk", dlfragmentationinfo() == chunk);
+  Show("mem_FragmentationInfo", mem_FragmentationInfo() == chunk);
+  dlfree(a);
+  dlfree(c);
+}
+
+void DoubleFree() {
+  Up();
+  void* keep = dlmalloc(200);
+  void* p = dlmalloc(200);
+  void* keep2 = dlmalloc(200);
+  dlfree(p);
+  std::fflush(stdout);
+  dlfree(p);
+  Show("survived", keep != nullptr && keep2 != nullptr);
+}
+
+struct Scenario {
+  const char* name;
+  void (*run)();
+};
+
+const Scenario kScenarios[] = {
+    {"limit_boundary", LimitBoundary}, {"limit_lag", LimitLag},
+    {"limit_recovery", LimitRecovery}, {"front_door_limit", FrontDoorLimit},
+    {"first_fragmentation", FirstFragmentation}, {"double_free", DoubleFree},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return 2;
+  for (const Scenario& s : kScenarios) {
+    if (std::strcmp(argv[1], s.name) == 0) {
+      s.run();
+      return 0;
+    }
+  }
+  std::fprintf(stderr, "unknown scenario %s\n", argv[1]);
+  return 2;
+}
