@@ -8,6 +8,11 @@
 
 #include "containers/internal/bit_words.h"
 #include "containers/internal/dump_output.h"
+#if ZMX_HEAP_DEBUG
+#include <cstdlib>
+
+#include "containers/internal/container_checks.h"
+#endif
 
 using omi_internal::AndNotPage;
 using omi_internal::AndPage;
@@ -18,6 +23,20 @@ using omi_internal::XorPage;
 namespace {
 constexpr unsigned int kGrowthIncrement = 128;
 constexpr unsigned int kWordsPerPageShift = 8;
+
+// With ZMX_HEAP_DEBUG every whole-set operator walks its result.
+inline void VerifyAfterRecount(const omi_BlkBitVect& vector, const char* where) {
+#if ZMX_HEAP_DEBUG
+  const std::string fault = omi_internal::ContainerChecks::CheckBitVectorAfterRecount(vector);
+  if (!fault.empty()) {
+    std::fprintf(stderr, "%s  --  %s\n", where, fault.c_str());
+    std::abort();
+  }
+#else
+  (void)vector;
+  (void)where;
+#endif
+}
 }  // namespace
 
 omi_BlkBitVect::omi_BlkBitVect() : omi_BlockedArray<unsigned int>(kGrowthIncrement, kWordsPerPageShift), count_(0) {}
@@ -102,6 +121,7 @@ omi_BlkBitVect& omi_BlkBitVect::operator&=(const omi_BlkBitVect& other) {
     total += bits;
   }
   count_ = total;
+  VerifyAfterRecount(*this, "omi_BlkBitVect::operator&=");
   return *this;
 }
 
@@ -124,6 +144,7 @@ omi_BlkBitVect& omi_BlkBitVect::operator|=(const omi_BlkBitVect& other) {
     total += CopyPagesFrom(other, common);
   }
   count_ = total;
+  VerifyAfterRecount(*this, "omi_BlkBitVect::operator|=");
   return *this;
 }
 
@@ -142,6 +163,7 @@ omi_BlkBitVect& omi_BlkBitVect::operator-=(const omi_BlkBitVect& other) {
     total += bits;
   }
   count_ = total;
+  VerifyAfterRecount(*this, "omi_BlkBitVect::operator-=");
   return *this;
 }
 
@@ -166,6 +188,7 @@ omi_BlkBitVect& omi_BlkBitVect::operator^=(const omi_BlkBitVect& other) {
     total += CopyPagesFrom(other, common);
   }
   count_ = total;
+  VerifyAfterRecount(*this, "omi_BlkBitVect::operator^=");
   return *this;
 }
 
