@@ -4,8 +4,22 @@
 
 #include "core/export.h"
 #include "core/startup.h"
+
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
+
+#include "streams/ios.h"
+#include "streams/istream.h"
+#include "streams/ostream.h"
+#include "streams/standard_streams.h"
+
+#include "containers/blocked_array.h"
+#include "containers/blk_bit_vect.h"
+#include "containers/int_set.h"
+#include "containers/uint_table.h"
+#include "containers/int_table.h"
+#include "containers/int_multimap.h"
+
 #include "strings/string_rep.h"
 #include "strings/string_base.h"
 #include "strings/locale.h"
@@ -13,9 +27,5 @@
 #include "strings/utf8.h"
 #include "strings/translatable_string.h"
 #include "strings/translate.h"
-#include "streams/ios.h"
-#include "streams/istream.h"
-#include "streams/ostream.h"
-#include "streams/standard_streams.h"
 
 #endif  // ZMXUTI_CORE_UTILS_H

@@ -1,0 +1,65 @@
+// Fresh-process scenarios for the container dumps, so that tests can read what
+// they print on the standard streams byte for byte.
+#include <cstdio>
+#include <cstring>
+
+#include "ZMXUTI_CoreUtils.h"
+
+namespace {
+
+void ListOfTen() {
+  omi_BlkBitVect v;
+  for (unsigned int b = 0; b < 10; ++b) v.SetBit(b);
+  v.DumpList();
+}
+
+void EmptyList() {
+  omi_BlkBitVect v;
+  v.SetBit(7);
+  v.UnsetBit(7);  // a page without bits is still an empty list
+  v.DumpList();
+}
+
+void ListOfSixteenAndLarge() {
+  omi_BlkBitVect v;
+  for (unsigned int b = 100; b < 115; ++b) v.SetBit(b);
+  v.SetBit(123456789);
+  v.DumpList();
+}
+
+void ListOfHighBits() {
+  omi_BlkBitVect v;
+  v.SetBit(0xFFFFFFFFu);  // printed with "%8d", so as a negative number
+  v.DumpList();
+}
+
+void BlockedArrayPages() {
+  omi_BlockedArray<int> a(0, 4);  // pages of 16
+  a.SetCell(1, 0x01020304);
+  a.SetCell(40, -1);
+  a.Dump();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int depth = 0;
+  UTI_CoreUtils_initialize(depth);
+  const char* scenario = argc > 1 ? argv[1] : "";
+  if (std::strcmp(scenario, "list_of_ten") == 0) {
+    ListOfTen();
+  } else if (std::strcmp(scenario, "empty_list") == 0) {
+    EmptyList();
+  } else if (std::strcmp(scenario, "list_of_sixteen_and_large") == 0) {
+    ListOfSixteenAndLarge();
+  } else if (std::strcmp(scenario, "list_of_high_bits") == 0) {
+    ListOfHighBits();
+  } else if (std::strcmp(scenario, "blocked_array_pages") == 0) {
+    BlockedArrayPages();
+  } else {
+    std::fprintf(stderr, "unknown scenario %s\n", scenario);
+    return 2;
+  }
+  UTI_CoreUtils_finalize(depth);
+  return 0;
+}
