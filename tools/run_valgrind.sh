@@ -10,6 +10,7 @@ status=0
 for t in "$build"/tests/*_tests; do
   echo "== valgrind $t"
   ZMX_CRTMALLOC=1 ZMX_VALGRIND=1 valgrind -q --error-exitcode=99 --soname-synonyms=somalloc=nouserintercepts \
+    --suppressions="$(dirname "$0")/valgrind.supp" \
     --leak-check=no "$t" --gtest_filter="$filter" --gtest_brief=1 || status=1
 done
 exit $status

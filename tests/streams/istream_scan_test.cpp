@@ -71,7 +71,7 @@ TEST(IstreamScan, AMismatchKeepsThePartialValueAndFails) {
 
 TEST(IstreamScan, GetlineStripsTheNewlineAndFailsOnLongOrUnterminatedLines) {
   In in("first\nabcdef\n\nlast");
-  char buf[16];
+  char buf[16] = {};  // getline also looks at the bytes behind the terminator
   in.s.getline(buf, 16);
   EXPECT_STREQ(buf, "first");
   EXPECT_TRUE(in.s.good());
