@@ -111,6 +111,7 @@ TEST(SmallObjectRouting, ModesSwitchTheAllocatingSideOnlyAndBlocksStillGoHome) {
       "mode2 calloc=heap\n"
       "lock_calls_mode2=1 lock=1\n"
       "realloc small=1 reallocs=1\n"
+      "aligned16=1\n"
       "mode1_after_2 malloc=small\n"
       "mode0 new=heap malloc=heap\n"
       "allocations=4 frees=4\n";
@@ -124,6 +125,7 @@ TEST(SmallObjectRouting, ModesSwitchTheAllocatingSideOnlyAndBlocksStillGoHome) {
       "mode2 calloc=heap\n"
       "lock_calls_mode2=0 lock=0\n"
       "realloc small=0 reallocs=0\n"
+      "aligned16=1\n"
       "mode1_after_2 malloc=heap\n"
       "mode0 new=heap malloc=heap\n"
       "allocations=0 frees=0\n";
@@ -230,7 +232,7 @@ TEST(GlobalNew, EveryFormPairsWithItsDeleteAndHonoursAlignment) {
     Wide* ws = new Wide[3];
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(ws) % 256, 0u);
     delete[] ws;
-    for (std::size_t align : {32u, 64u, 4096u}) {
+    for (std::size_t align : {16u, 32u, 64u, 4096u}) {
       void* p = ::operator new(align * 3 + i, std::align_val_t(align));
       EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % align, 0u);
       ::operator delete(p, align * 3 + i, std::align_val_t(align));

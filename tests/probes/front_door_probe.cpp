@@ -77,13 +77,15 @@ struct TestPages {
   bool lastLock = false;
 } g_pages;
 
-void* TestAllocate(std::size_t, bool) {
+// Requests of up to 8 bytes get slots that are 8-byte but not 16-byte aligned,
+// as the two smallest classes of the real pages do.
+void* TestAllocate(std::size_t size, bool) {
   if (g_pages.failNext > 0) {
     --g_pages.failNext;
     return nullptr;
   }
   ++g_pages.allocations;
-  return g_pages.page + 128 * g_pages.nextSlot++;
+  return g_pages.page + 128 * g_pages.nextSlot++ + (size <= 8 ? 8 : 0);
 }
 void TestFree(void*) { ++g_pages.frees; }
 void* TestReallocate(void* block, std::size_t) {
@@ -133,6 +135,10 @@ void Routing() {
   std::printf("lock_calls_mode2=%d lock=%d\n", g_pages.lockCalls, g_pages.lastLock ? 1 : 0);
   void* r = mem_Realloc(m2, 20);
   std::printf("realloc small=%d reallocs=%d\n", OnTestPage(r) ? 1 : 0, g_pages.reallocs);
+  // An over-aligned request never gets a slot of lesser alignment.
+  void* a16 = ::operator new(4, std::align_val_t(16));
+  std::printf("aligned16=%d\n", reinterpret_cast<std::uintptr_t>(a16) % 16 == 0 ? 1 : 0);
+  ::operator delete(a16, std::align_val_t(16));
   mem_TBAllocator(1);  // mode 1 leaves mem_Malloc routing as mode 2 set it
   void* m3 = mem_Malloc(50);
   std::printf("mode1_after_2 malloc=%s\n", OnTestPage(m3) ? "small" : "heap");
