@@ -44,7 +44,8 @@ ZMXUTI_API void omni_initialize(int& depth);
 ZMXUTI_API void omni_finalize(int& depth);
 ZMXUTI_API void omni_formalize();  // kept hook: does nothing
 
-// True when QVL_DEBUG_POPUP was present at the last process-services start-up.
+// True once QVL_DEBUG_POPUP was present at a process-services start-up; a later
+// start-up without it leaves the flag set.
 ZMXUTI_API bool omi_DebugPopupsWanted();
 
 // For programs whose static constructors allocate (test frameworks, registries):

@@ -70,12 +70,14 @@ inline void* NewPath(std::size_t size, int& cache) {
   return NewSlowPath<kNoThrow>(size, cache);
 }
 
-// Over-aligned requests (above the 16 bytes every heap block has) use the
-// heap's aligned allocation; the small-object allocator is not involved.
+// Requests aligned beyond 8 bytes use the heap's aligned allocation and never
+// the small-object allocator, whose two smallest classes give 8-byte aligned slots.
+constexpr std::size_t kSmallestSlotAlignment = 8;
+
 template <bool kNoThrow>
 void* AlignedNewPath(std::size_t size, std::align_val_t alignment, int& cache) {
   const std::size_t align = static_cast<std::size_t>(alignment);
-  if (align <= __STDCPP_DEFAULT_NEW_ALIGNMENT__) return NewPath<kNoThrow>(size, cache);
+  if (align <= kSmallestSlotAlignment) return NewPath<kNoThrow>(size, cache);
   if (size == 0) size = 1;
   for (;;) {
     if (void* block = g_table.memalign(align, size)) {

@@ -42,8 +42,8 @@ TEST(Startup, EveryComponentFollowsTheSameCounterRule) {
 }
 
 TEST(Startup, DebugPopupFlagFollowsThePresenceOfTheVariable) {
-  EXPECT_EQ(RunScenario("debug_popup"), "before 0\nafter 0\n");
-  EXPECT_EQ(RunScenario("debug_popup", {{"QVL_DEBUG_POPUP", ""}}), "before 0\nafter 1\n");
+  EXPECT_EQ(RunScenario("debug_popup"), "before 0\nafter 0\nrestarted 0\n");
+  EXPECT_EQ(RunScenario("debug_popup", {{"QVL_DEBUG_POPUP", ""}}), "before 0\nafter 1\nrestarted 1\n");
 }
 
 }  // namespace

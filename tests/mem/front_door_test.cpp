@@ -111,6 +111,7 @@ TEST(SmallObjectRouting, ModesSwitchTheAllocatingSideOnlyAndBlocksStillGoHome) {
       "mode2 calloc=heap\n"
       "lock_calls_mode2=1 lock=1\n"
       "realloc small=1 reallocs=1\n"
+      "aligned16=1\n"
       "mode1_after_2 malloc=small\n"
       "mode0 new=heap malloc=heap\n"
       "allocations=4 frees=4\n";
@@ -124,6 +125,7 @@ TEST(SmallObjectRouting, ModesSwitchTheAllocatingSideOnlyAndBlocksStillGoHome) {
       "mode2 calloc=heap\n"
       "lock_calls_mode2=0 lock=0\n"
       "realloc small=0 reallocs=0\n"
+      "aligned16=1\n"
       "mode1_after_2 malloc=heap\n"
       "mode0 new=heap malloc=heap\n"
       "allocations=0 frees=0\n";
@@ -146,7 +148,19 @@ TEST(NewHandler, EachFamilyRetriesThrowsOrReturnsNullAsDocumented) {
 TEST(Tracking, EveryEntryPointReportsOnlyWhileTheProcessTracks) {
   EXPECT_EQ(ProbeOutput("tracking", {{"ZEM_MEM_TRACK", ""}}),
             "prepared=1\n"
-            "malloc 24 0\n"
+            "malloc 4611686018427387904 0\n"  // failures reported by mem_Malloc and mem_Calloc only
+            "calloc 4611686018427387904 2\n"
+            "malloc 40 1\n"  // class operators: through mem_Malloc and mem_Free
+            "free 1 0\n"
+            "malloc 200 1\n"
+            "free 1 0\n"
+            "malloc 0 1\n"  // mem_OperatorNewThrow(0) keeps the size
+            "free 1 0\n"
+            "malloc 1 1\n"  // the Builtin forms take 0 as 1
+            "free 1 0\n"
+            "malloc 1 1\n"
+            "free 1 0\n"
+            "malloc 24 1\n"
             "realloc 4000 3\n"
             "free 1 0\n"
             "free 0 0\n"
@@ -160,6 +174,64 @@ TEST(Tracking, EveryEntryPointReportsOnlyWhileTheProcessTracks) {
             "delete 0 0\n"
             "after_shutdown=[]\n");
   EXPECT_EQ(ProbeOutput("tracking"), "prepared=0\nafter_shutdown=[]\n");
+}
+
+TEST(Tracking, ReleasesAreReportedBeforeTheBlockLeavesAndNullIsNeverProbedForAPageMark) {
+  // The second number of a release line counts the small-object slots already
+  // given back when the report came.
+  EXPECT_EQ(ProbeOutput("tracking_small", {{"ZEM_MEM_TRACK", ""}}),
+            "new 32 0\n"
+            "delete 0 0\n"
+            "malloc 16 1\n"
+            "free 1 1\n"
+            "free 0 2\n"
+            "realloc 40 1\n"
+            "free 1 2\n");
+}
+
+TEST(Tracking, EachEntryPointSettlesItsOwnCacheAndOffIsFinal) {
+  // Called while the process mode was off: silent for good. Called first after
+  // the mode turned on: reporting. Every operator form has its own cache.
+  EXPECT_EQ(ProbeOutput("tracking_caches"),
+            "realloc 16 3\n"
+            "release 0 0\n"
+            "acquire 0 0\n"
+            "calloc 2 4\n"
+            "new 2 0\n"
+            "delete 0 0\n"
+            "new 3 0\n"
+            "delete 0 0\n");
+}
+
+TEST(SizeCheck, EachEntryPointDecidesOnceOnItsFirstCall) {
+  const std::pair<const char*, const char*> families[] = {
+      {"general", "ZEMRIX class with sizeof(class) < 129 should use mem_AllocationOperatorsTiny\n"},
+      {"tiny", "ZEMRIX class with sizeof(class) > 128 should use mem_AllocationOperatorsTiny\n"},
+  };
+  for (const auto& f : families) {
+    const ChildResult r = Probe("size_check_once", {}, {f.first});
+    EXPECT_EQ(r.signal, SIGABRT) << f.first << " " << Describe(r);
+    EXPECT_EQ(r.out, "kept_off 1\n") << f.first;
+    EXPECT_EQ(r.err, f.second) << f.first;
+  }
+}
+
+TEST(SizeCheck, ClassOperatorsCheckTheirClassSize) {
+  const std::string general = "ZEMRIX class with sizeof(class) < 129 should use mem_AllocationOperatorsTiny\n";
+  const std::string tiny = "ZEMRIX class with sizeof(class) > 128 should use mem_AllocationOperatorsTiny\n";
+  const std::pair<const char*, const std::string*> cases[] = {
+      {"class_tiny", &tiny}, {"class_general", &general}, {"class_general_array", &general}};
+  for (const auto& c : cases) {
+    const ChildResult r = Probe("size_check", {{"ZMX_DEBUG_MEMSIZE", "ON"}}, {c.first, "0"});
+    EXPECT_EQ(r.signal, SIGABRT) << c.first << " " << Describe(r);
+    EXPECT_EQ(r.err, *c.second) << c.first;
+  }
+  EXPECT_EQ(Probe("size_check", {{"ZMX_DEBUG_MEMSIZE", "ON"}}, {"class_tiny_small", "100"}).out,
+            "allocated class_tiny_small 100 1\n");
+}
+
+TEST(SmallObjectRouting, EverySwitchCallLooksAtTheEnvironmentAgain) {
+  EXPECT_EQ(ProbeOutput("tbmalloc_each_call"), "before=small after=heap\n");
 }
 
 // ------------------------------------------------------------ in process
@@ -230,7 +302,7 @@ TEST(GlobalNew, EveryFormPairsWithItsDeleteAndHonoursAlignment) {
     Wide* ws = new Wide[3];
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(ws) % 256, 0u);
     delete[] ws;
-    for (std::size_t align : {32u, 64u, 4096u}) {
+    for (std::size_t align : {16u, 32u, 64u, 4096u}) {
       void* p = ::operator new(align * 3 + i, std::align_val_t(align));
       EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % align, 0u);
       ::operator delete(p, align * 3 + i, std::align_val_t(align));

@@ -54,6 +54,15 @@ void MallocBeforeInit() {
 
 // ------------------------------------------------------------- size checking
 
+template <std::size_t kSize>
+struct TinyOfSize : mem_AllocationOperatorsTiny {
+  char bytes[kSize];
+};
+template <std::size_t kSize>
+struct GeneralOfSize : mem_AllocationOperators {
+  char bytes[kSize];
+};
+
 void SizeCheck(const char* entry, std::size_t size) {
   Up();
   void* p = nullptr;
@@ -62,6 +71,10 @@ void SizeCheck(const char* entry, std::size_t size) {
   if (std::strcmp(entry, "tinythrow") == 0) p = mem_OperatorNewTinyThrow(size);
   if (std::strcmp(entry, "tinynothrow") == 0) p = mem_OperatorNewTinyNoThrow(size, std::nothrow);
   if (std::strcmp(entry, "builtin") == 0) p = mem_OperatorNewThrowBuiltin(size);
+  if (std::strcmp(entry, "class_tiny") == 0) p = new TinyOfSize<200>;
+  if (std::strcmp(entry, "class_tiny_small") == 0) p = new TinyOfSize<100>;
+  if (std::strcmp(entry, "class_general") == 0) p = new GeneralOfSize<64>;
+  if (std::strcmp(entry, "class_general_array") == 0) p = new GeneralOfSize<64>[2];
   std::printf("allocated %s %zu %d\n", entry, size, p != nullptr ? 1 : 0);
   mem_Free(p);
 }
@@ -77,13 +90,15 @@ struct TestPages {
   bool lastLock = false;
 } g_pages;
 
-void* TestAllocate(std::size_t, bool) {
+// Requests of up to 8 bytes get slots that are 8-byte but not 16-byte aligned,
+// as the two smallest classes of the real pages do.
+void* TestAllocate(std::size_t size, bool) {
   if (g_pages.failNext > 0) {
     --g_pages.failNext;
     return nullptr;
   }
   ++g_pages.allocations;
-  return g_pages.page + 128 * g_pages.nextSlot++;
+  return g_pages.page + 128 * g_pages.nextSlot++ + (size <= 8 ? 8 : 0);
 }
 void TestFree(void*) { ++g_pages.frees; }
 void* TestReallocate(void* block, std::size_t) {
@@ -133,6 +148,10 @@ void Routing() {
   std::printf("lock_calls_mode2=%d lock=%d\n", g_pages.lockCalls, g_pages.lastLock ? 1 : 0);
   void* r = mem_Realloc(m2, 20);
   std::printf("realloc small=%d reallocs=%d\n", OnTestPage(r) ? 1 : 0, g_pages.reallocs);
+  // An over-aligned request never gets a slot of lesser alignment.
+  void* a16 = ::operator new(4, std::align_val_t(16));
+  std::printf("aligned16=%d\n", reinterpret_cast<std::uintptr_t>(a16) % 16 == 0 ? 1 : 0);
+  ::operator delete(a16, std::align_val_t(16));
   mem_TBAllocator(1);  // mode 1 leaves mem_Malloc routing as mode 2 set it
   void* m3 = mem_Malloc(50);
   std::printf("mode1_after_2 malloc=%s\n", OnTestPage(m3) ? "small" : "heap");
@@ -195,10 +214,12 @@ struct RecordingSink final : TrackerSink {
     std::snprintf(line, sizeof line, "%s %zu %zu\n", kind, a, b);
     std::strncat(log, line, sizeof log - std::strlen(log) - 1);
   }
-  void RecordMalloc(void*, std::size_t size) override { Add("malloc", size); }
-  void RecordFree(void* block) override { Add("free", block == nullptr ? 0 : 1); }
+  // Releases log how many test-page slots were already given back when the
+  // report came, which shows whether the report preceded the release.
+  void RecordMalloc(void* block, std::size_t size) override { Add("malloc", size, block != nullptr ? 1 : 0); }
+  void RecordFree(void* block) override { Add("free", block == nullptr ? 0 : 1, g_pages.frees); }
   void RecordNew(void*, std::size_t size) override { Add("new", size); }
-  void RecordDelete(void*) override { Add("delete"); }
+  void RecordDelete(void*) override { Add("delete", g_pages.frees); }
   void RecordRealloc(void* block, void* old, std::size_t size) override {
     Add("realloc", size, (block != nullptr ? 1 : 0) + (old != nullptr ? 2 : 0));
   }
@@ -209,9 +230,27 @@ struct RecordingSink final : TrackerSink {
   void PrepareThread() override { ++prepared; }
 } g_sink;
 
+struct TinyObject : mem_AllocationOperatorsTiny {
+  char bytes[40];
+};
+struct LargeObject : mem_AllocationOperators {
+  char bytes[200];
+};
+constexpr std::size_t kHuge = std::size_t{1} << 62;
+
 void Tracking() {
   InstallTrackerSink(&g_sink);
   Up();
+  // Failed requests: mem_Malloc and mem_Calloc report the null result, global new reports nothing.
+  mem_Malloc(kHuge);
+  mem_Calloc(kHuge, 2);
+  if (g_globalNew(kHuge) != nullptr) std::printf("huge new succeeded\n");
+  // Class operators and the size-checking entries allocate through mem_Malloc and free through mem_Free.
+  delete new TinyObject;
+  delete new LargeObject;
+  mem_Free(mem_OperatorNewThrow(0));         // size 0 passed on unchanged
+  mem_Free(mem_OperatorNewThrowBuiltin(0));  // size 0 taken as 1
+  mem_Free(new (mem_BuiltIn) char[0]);
   void* a = mem_Malloc(24);
   a = mem_Realloc(a, 4000);
   mem_Free(a);
@@ -236,6 +275,75 @@ void Tracking() {
   std::printf("after_shutdown=[%s]\n", g_sink.log);
 }
 
+// Releases reported before the block leaves; null and low addresses are not
+// looked at for a page mark by mem_Free and mem_Realloc.
+void TrackingSmall() {
+  InstallTrackerSink(&g_sink);
+  Up();
+  InstallTestPages();
+  mem_TBAllocator(2);
+  ::operator delete(::operator new(32));
+  mem_Free(mem_Malloc(16));
+  mem_Free(nullptr);
+  mem_Free(mem_Realloc(nullptr, 40));
+  std::printf("%s", g_sink.log);
+}
+
+// Each entry point caches the process mode on its first call; a cached "off"
+// is final, while an entry point called for the first time later takes the
+// process mode as it is then.
+void TrackingCaches() {
+  int depth = 0;
+  mem_initialize(depth);  // memory only: no other component allocates first
+  InstallTrackerSink(&g_sink);
+  mem_Free(mem_Malloc(8));
+  ::operator delete(g_globalNew(8));
+  ::operator delete[](::operator new[](8, std::nothrow));
+  SetProcessTrackingMode(kTrackingOn);
+  void* m = mem_Malloc(8);          // cached off
+  m = mem_Realloc(m, 16);           // first call: on
+  mem_Release(m);
+  mem_Acquire(m);
+  mem_Free(m);                      // cached off
+  mem_Free(mem_Calloc(2, 4));       // calloc on, free off
+  ::operator delete(g_globalNew(1));                                       // both off
+  ::operator delete(::operator new(2, std::nothrow), std::nothrow);        // both on
+  ::operator delete[](::operator new[](3));                                // new on, delete off
+  ::operator delete[](::operator new[](4, std::nothrow), std::nothrow);   // new off, delete on
+  std::printf("%s", g_sink.log);
+}
+
+// The size-check state of an entry point is settled by its first call.
+void SizeCheckOnce(const char* family) {
+  Up();
+  const bool tiny = std::strcmp(family, "tiny") == 0;
+  const std::size_t wrong = tiny ? 200 : 8;  // a misuse once checking is on
+  void* p = tiny ? mem_OperatorNewTinyThrow(wrong) : mem_OperatorNewThrow(wrong);
+  mem_Free(p);
+  setenv("ZMX_DEBUG_MEMSIZE", "ON", 1);
+  p = tiny ? mem_OperatorNewTinyThrow(wrong) : mem_OperatorNewThrow(wrong);
+  std::printf("kept_off %d\n", p != nullptr ? 1 : 0);
+  std::fflush(stdout);
+  mem_Free(p);
+  // The NoThrow form of the same family has not decided yet: it checks now.
+  p = tiny ? mem_OperatorNewTinyNoThrow(wrong, std::nothrow) : mem_OperatorNewNoThrow(wrong, std::nothrow);
+  std::printf("nothrow allocated %d\n", p != nullptr ? 1 : 0);
+}
+
+// ZMX_TBMALLOC is looked at by every mem_TBAllocator call.
+void TbMallocEachCall() {
+  Up();
+  InstallTestPages();
+  mem_TBAllocator(2);
+  void* a = mem_Malloc(10);
+  setenv("ZMX_TBMALLOC", "0", 1);
+  mem_TBAllocator(2);
+  void* b = mem_Malloc(10);
+  std::printf("before=%s after=%s\n", OnTestPage(a) ? "small" : "heap", OnTestPage(b) ? "small" : "heap");
+  mem_Free(b);
+  mem_Free(a);
+}
+
 struct Scenario {
   const char* name;
   void (*run)(int argc, char** argv);
@@ -251,6 +359,12 @@ const Scenario kScenarios[] = {
     {"routing", [](int, char**) { Routing(); }},
     {"new_handler_retry", [](int, char**) { NewHandlerRetry(); }},
     {"tracking", [](int, char**) { Tracking(); }},
+    {"tracking_small", [](int, char**) { TrackingSmall(); }},
+    {"tracking_caches", [](int, char**) { TrackingCaches(); }},
+    {"size_check_once", [](int argc, char** argv) {
+       if (argc > 2) SizeCheckOnce(argv[2]);
+     }},
+    {"tbmalloc_each_call", [](int, char**) { TbMallocEachCall(); }},
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 // Prints one line per observation; no allocation happens before the scenario's
 // first start-up call.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "ZMXUTI_CoreUtils.h"
@@ -84,6 +85,11 @@ void DebugPopup() {
   int depth = 0;
   UTI_CoreUtils_initialize(depth);
   std::printf("after %d\n", omi_DebugPopupsWanted() ? 1 : 0);
+  // A second start-up without the variable does not clear the flag.
+  UTI_CoreUtils_finalize(depth);
+  unsetenv("QVL_DEBUG_POPUP");
+  UTI_CoreUtils_initialize(depth);
+  std::printf("restarted %d\n", omi_DebugPopupsWanted() ? 1 : 0);
 }
 
 struct Scenario {
