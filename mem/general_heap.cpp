@@ -242,13 +242,14 @@ void* Heap::Realloc(void* mem, size_t bytes) {
 
 void* Heap::Memalign(size_t alignment, size_t bytes) {
   if (alignment <= kAlign) return Malloc(bytes);
+  // Before the rounding below, which would never end for alignments above 2^63.
+  if (bytes >= kMaxRequest || alignment >= kMaxRequest) return nullptr;
   if (alignment < kMinChunk) alignment = kMinChunk;
   if ((alignment & (alignment - 1)) != 0) {
     size_t a = kMinChunk << 1;
     while (a < alignment) a <<= 1;
     alignment = a;
   }
-  if (bytes >= kMaxRequest || alignment >= kMaxRequest) return nullptr;
   const size_t nb = RequestToSize(bytes);
   char* mem = static_cast<char*>(Malloc(nb + alignment + kMinChunk - kChunkOverhead));
   if (mem == nullptr) return nullptr;
