@@ -105,7 +105,7 @@ __attribute__((always_inline)) inline void Heap::ReleaseChunkInline(Chunk* p, si
   if (!Pinuse(p)) {
     const size_t prevSize = p->prevFoot;
     Chunk* prev = ChunkBefore(p, prevSize);
-    Require(OkAddress(prev), "previous chunk below the heap");
+    Require(OkAddress(prev), "previous chunk outside the heap");
     psize += prevSize;
     p = prev;
     if (p != dv) {
@@ -156,6 +156,7 @@ __attribute__((always_inline)) inline void Heap::FreeInline(void* mem) {
   Chunk* p = FromMem(mem);
   Require(OkAddress(p) && IsInuse(p), "free of a block that is not in use");
   if (ZMX_UNLIKELY(IsMapped(p))) {
+    Require(MappingIntact(p), "free of a block that is not in use");
     UnmapDirect(p);
     return;
   }
@@ -230,7 +231,7 @@ Chunk* Heap::ResizeInPlace(Chunk* p, size_t nb) {
 void* Heap::Realloc(void* mem, size_t bytes) {
   if (bytes >= kMaxRequest) return nullptr;
   Chunk* p = FromMem(mem);
-  Require(OkAddress(p) && IsInuse(p), "realloc of a block that is not in use");
+  Require(OkAddress(p) && IsInuse(p) && (!IsMapped(p) || MappingIntact(p)), "realloc of a block that is not in use");
   if (Chunk* q = ResizeInPlace(p, RequestToSize(bytes))) return ToMem(q);
   void* fresh = Malloc(bytes);
   if (fresh == nullptr) return nullptr;

@@ -83,4 +83,17 @@ TEST(HeapCorruption, ADoubleFreeAbortsWithTheHeapMessage) {
   EXPECT_EQ(result.out.find("survived"), std::string::npos);
 }
 
+// Pointers the heap never handed out: on the stack, in static data, from the
+// runtime's heap, inside a block, or before the heap has any memory at all.
+TEST(HeapCorruption, AFreeOfAForeignPointerAbortsBeforeTouchingAnything) {
+  for (const char* scenario : {"free_stack_pointer", "free_zeroed_static", "free_runtime_block",
+                               "free_interior_pointer", "free_before_any_allocation"}) {
+    const auto result = RunProbe("heap_probe", scenario);
+    EXPECT_FALSE(result.exited) << scenario << ": " << Describe(result);
+    EXPECT_EQ(result.signal, SIGABRT) << scenario << ": " << Describe(result);
+    EXPECT_EQ(result.err, "ERROR: general heap corrupted (free of a block that is not in use)\n") << scenario;
+    EXPECT_EQ(result.out.find("survived"), std::string::npos) << scenario;
+  }
+}
+
 }  // namespace

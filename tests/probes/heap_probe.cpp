@@ -3,6 +3,7 @@
 // the first fragmentation query and the abort on a damaged heap.
 // Prints one "name value" line per observation.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -170,6 +171,51 @@ void DoubleFree() {
   Show("survived", keep != nullptr && keep2 != nullptr);
 }
 
+// Frees of pointers the heap never handed out. Each must stop the process with
+// the heap's message before anything is written or given back to the system.
+alignas(4096) unsigned char g_zeroPage[8192];
+
+void ForeignFree(void* p) {
+  Up();
+  void* keep = dlmalloc(200);
+  std::fflush(stdout);
+  dlfree(p);
+  Show("survived", keep != nullptr);
+}
+
+void FreeOfStackPointer() {
+  alignas(16) unsigned char local[256];
+  std::memset(local, 0x5A, sizeof local);
+  ForeignFree(local + 128);
+}
+
+// Zeroed memory reads as a directly mapped chunk at offset 0.
+void FreeOfZeroedStatic() { ForeignFree(g_zeroPage + 4096 + 16); }
+
+void FreeOfRuntimeBlock() {
+  void* p = std::malloc(200);
+  std::memset(p, 0, 200);
+  ForeignFree(p);
+}
+
+// A pointer into a block whose preceding words look like a direct mapping
+// (both in-use bits clear) over pages the heap still uses.
+void FreeOfInteriorPointer() {
+  Up();
+  unsigned char* block = static_cast<unsigned char*>(dlmemalign(4096, 4 * 4096));
+  std::memset(block, 0, 4 * 4096);
+  const std::size_t fake[2] = {0, 8192};  // offset 0, size 8192, not in use
+  std::memcpy(block + 4096, fake, sizeof fake);
+  ForeignFree(block + 4096 + 2 * sizeof(std::size_t));
+}
+
+void FreeBeforeAnyAllocation() {
+  alignas(16) unsigned char local[64] = {};
+  std::fflush(stdout);
+  dlfree(local + 32);
+  Show("survived", 1);
+}
+
 struct Scenario {
   const char* name;
   void (*run)();
@@ -179,6 +225,9 @@ const Scenario kScenarios[] = {
     {"limit_boundary", LimitBoundary}, {"limit_lag", LimitLag},
     {"limit_recovery", LimitRecovery}, {"front_door_limit", FrontDoorLimit},
     {"first_fragmentation", FirstFragmentation}, {"double_free", DoubleFree},
+    {"free_stack_pointer", FreeOfStackPointer}, {"free_zeroed_static", FreeOfZeroedStatic},
+    {"free_runtime_block", FreeOfRuntimeBlock},
+    {"free_interior_pointer", FreeOfInteriorPointer}, {"free_before_any_allocation", FreeBeforeAnyAllocation},
 };
 
 }  // namespace
