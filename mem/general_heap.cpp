@@ -90,7 +90,9 @@ void* Heap::Malloc(size_t bytes) {
 }
 
 void* Heap::MallocFromSystem(size_t nb, size_t bytes) {
-  if ((flags & kUseMmapFlag) && nb >= g_params.mmapThreshold) {
+  // The first request builds the top chunk whatever its size, so that a heap
+  // with memory always has one (the statistics and queries start from it).
+  if ((flags & kUseMmapFlag) && nb >= g_params.mmapThreshold && top != nullptr) {
     if (void* mem = MapDirect(nb)) return mem;
   }
   if (!GrowHeap(nb)) return nullptr;

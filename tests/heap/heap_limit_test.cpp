@@ -43,6 +43,18 @@ TEST(HeapLimit, ANewLimitIsStoredAtOnceButEnforcedFromTheNextMalloptCall) {
             "mem_MemoryLimit 1\n");
 }
 
+TEST(HeapLimit, GrowingADirectMappingIsJudgedByTheLimitAndSetsTheStatus) {
+  EXPECT_EQ(Scenario("mapped_growth_status"),
+            "mapped 1\n"
+            "refused 1\n"
+            "status_refused -1\n"
+            "grown 1\n"
+            "status_growth_allowed 0\n"
+            "grown_again 1\n"
+            "status_growth_refused -1\n"
+            "footprint_only_shrank 1\n");
+}
+
 TEST(HeapLimit, AFullHeapServesAgainOnceMemoryGoesBack) {
   EXPECT_EQ(Scenario("limit_recovery"),
             "filled 1\n"
@@ -73,6 +85,15 @@ TEST(HeapFragmentation, ZeroBeforeAnyAllocationThenTheLargestFreeChunk) {
             "before_any_allocation 0\n"
             "largest_is_freed_chunk 1\n"
             "mem_FragmentationInfo 1\n");
+}
+
+TEST(HeapStatistics, ALargeFirstRequestIsCountedLikeAnyOther) {
+  EXPECT_EQ(Scenario("first_request_large"),
+            "footprint_taken 1\n"
+            "arena_plus_mapped_is_footprint 1\n"
+            "in_use_counted 1\n"
+            "top_counted 1\n"
+            "freed_chunk_is_largest 1\n");
 }
 
 TEST(HeapCorruption, ADoubleFreeAbortsWithTheHeapMessage) {
