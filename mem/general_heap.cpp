@@ -90,7 +90,9 @@ void* Heap::Malloc(size_t bytes) {
 }
 
 void* Heap::MallocFromSystem(size_t nb, size_t bytes) {
-  if ((flags & kUseMmapFlag) && nb >= g_params.mmapThreshold) {
+  // The first request builds the top chunk whatever its size, so that a heap
+  // with memory always has one (the statistics and queries start from it).
+  if ((flags & kUseMmapFlag) && nb >= g_params.mmapThreshold && top != nullptr) {
     if (void* mem = MapDirect(nb)) return mem;
   }
   if (!GrowHeap(nb)) return nullptr;
@@ -105,7 +107,7 @@ __attribute__((always_inline)) inline void Heap::ReleaseChunkInline(Chunk* p, si
   if (!Pinuse(p)) {
     const size_t prevSize = p->prevFoot;
     Chunk* prev = ChunkBefore(p, prevSize);
-    Require(OkAddress(prev), "previous chunk below the heap");
+    Require(OkAddress(prev), "previous chunk outside the heap");
     psize += prevSize;
     p = prev;
     if (p != dv) {
@@ -156,6 +158,7 @@ __attribute__((always_inline)) inline void Heap::FreeInline(void* mem) {
   Chunk* p = FromMem(mem);
   Require(OkAddress(p) && IsInuse(p), "free of a block that is not in use");
   if (ZMX_UNLIKELY(IsMapped(p))) {
+    Require(MappingIntact(p), "free of a block that is not in use");
     UnmapDirect(p);
     return;
   }
@@ -230,7 +233,7 @@ Chunk* Heap::ResizeInPlace(Chunk* p, size_t nb) {
 void* Heap::Realloc(void* mem, size_t bytes) {
   if (bytes >= kMaxRequest) return nullptr;
   Chunk* p = FromMem(mem);
-  Require(OkAddress(p) && IsInuse(p), "realloc of a block that is not in use");
+  Require(OkAddress(p) && IsInuse(p) && (!IsMapped(p) || MappingIntact(p)), "realloc of a block that is not in use");
   if (Chunk* q = ResizeInPlace(p, RequestToSize(bytes))) return ToMem(q);
   void* fresh = Malloc(bytes);
   if (fresh == nullptr) return nullptr;
@@ -242,13 +245,14 @@ void* Heap::Realloc(void* mem, size_t bytes) {
 
 void* Heap::Memalign(size_t alignment, size_t bytes) {
   if (alignment <= kAlign) return Malloc(bytes);
+  // Before the rounding below, which would never end for alignments above 2^63.
+  if (bytes >= kMaxRequest || alignment >= kMaxRequest) return nullptr;
   if (alignment < kMinChunk) alignment = kMinChunk;
   if ((alignment & (alignment - 1)) != 0) {
     size_t a = kMinChunk << 1;
     while (a < alignment) a <<= 1;
     alignment = a;
   }
-  if (bytes >= kMaxRequest || alignment >= kMaxRequest) return nullptr;
   const size_t nb = RequestToSize(bytes);
   char* mem = static_cast<char*>(Malloc(nb + alignment + kMinChunk - kChunkOverhead));
   if (mem == nullptr) return nullptr;

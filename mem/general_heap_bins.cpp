@@ -107,7 +107,7 @@ void* Heap::TreeMallocSmall(size_t nb) {
     v = closer ? t : v;
     rsize = closer ? trem : rsize;
   }
-  Require(OkAddress(v), "tree chunk below the heap");
+  Require(OkAddress(v), "tree chunk outside the heap");
   Chunk* p = AsChunk(v);
   UnlinkLarge(v);
   if (rsize < kMinChunk) {
@@ -163,7 +163,7 @@ void* Heap::TreeMallocLarge(size_t nb) {
     t = LeftmostChild(t);
   }
   if (v == nullptr || rsize >= dvSize - nb) return nullptr;
-  Require(OkAddress(v), "tree chunk below the heap");
+  Require(OkAddress(v), "tree chunk outside the heap");
   Chunk* p = AsChunk(v);
   UnlinkLarge(v);
   if (rsize < kMinChunk) {

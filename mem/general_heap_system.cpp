@@ -44,6 +44,14 @@ bool Heap::RequestAllowed(size_t size) {
   return false;
 }
 
+// Widens the range of addresses that free and realloc accept to cover a new run.
+void Heap::NoteRun(char* base, size_t size) {
+  char* end = leastAddr == nullptr ? base + size : leastAddr + addrSpan;
+  if (base + size > end) end = base + size;
+  if (leastAddr == nullptr || base < leastAddr) leastAddr = base;
+  addrSpan = static_cast<size_t>(end - leastAddr);
+}
+
 void Heap::AddFootprint(size_t size) {
   footprint += size;
   if (footprint > maxFootprint) maxFootprint = footprint;
@@ -70,12 +78,12 @@ bool Heap::GrowHeap(size_t nb) {
   char* base = static_cast<char*>(platform::MapMemory(size, false));
   if (base == nullptr) return false;
   AddFootprint(size);
+  NoteRun(base, size);
   trimLatch = 0;
   if (top == nullptr) {
     InitFirstSegment(base, size);
     return true;
   }
-  if (base < leastAddr) leastAddr = base;
   for (Segment* s = segments; s != nullptr; s = s->next) {
     if (SegmentEnd(s) == base) {
       AppendToSegment(s, base, size);
@@ -91,7 +99,6 @@ bool Heap::GrowHeap(size_t nb) {
 }
 
 void Heap::InitFirstSegment(char* base, size_t size) {
-  if (leastAddr == nullptr || base < leastAddr) leastAddr = base;
   magic = g_params.magic;
   for (Chunk& b : smallBins) b.fd = b.bk = &b;
   segments = WriteFooter(base + size, Segment{base, size, nullptr, kUseMmapFlag});
@@ -207,6 +214,16 @@ size_t Heap::ReleaseUnusedSegments() {
 // A direct mapping holds one chunk whose prev_foot is its offset from the start
 // of the mapping and whose head has both in-use bits clear, then a fence word.
 
+bool Heap::MappingIntact(const Chunk* p) const {
+  const char* base = reinterpret_cast<const char*>(p) - p->prevFoot;
+  const size_t page = g_params.pageSize.load(std::memory_order_relaxed);
+  if (ChunkSize(p) < kMinChunk || base > reinterpret_cast<const char*>(p) || !OkAddress(base) ||
+      (reinterpret_cast<std::uintptr_t>(base) & (page - 1)) != 0)
+    return false;
+  const Chunk* fence = ChunkAt(p, ChunkSize(p));
+  return fence > p && OkAddress(fence) && fence->head == kFencepost;
+}
+
 void* Heap::MapDirect(size_t nb) {
   const size_t size = AlignUp(nb + 2 * kWord, g_params.granularity);
   if (size <= nb) return nullptr;
@@ -218,7 +235,7 @@ void* Heap::MapDirect(size_t nb) {
   p->prevFoot = 0;
   p->head = psize;
   ChunkAt(p, psize)->head = kFencepost;
-  if (leastAddr == nullptr || base < leastAddr) leastAddr = base;
+  NoteRun(base, size);
   AddFootprint(size);
   mappedBytes += size;
   return ToMem(p);

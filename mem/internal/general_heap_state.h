@@ -68,6 +68,7 @@ class Heap {
   size_t dvSize = 0;
   size_t topSize = 0;
   char* leastAddr = nullptr;
+  size_t addrSpan = 0;  // from leastAddr to the end of the highest run obtained
   Chunk* dv = nullptr;
   Chunk* top = nullptr;  // null until the first segment exists
   size_t trimLatch = 0;  // no trimming attempt while top is not above this
@@ -106,7 +107,13 @@ class Heap {
   void* TreeMallocLarge(size_t nb);
 
   // ---- chunks ----
-  bool OkAddress(const void* p) const { return static_cast<const char*>(p) >= leastAddr; }
+  // Within the address range of every run obtained so far (nothing before the first).
+  bool OkAddress(const void* p) const {
+    return reinterpret_cast<std::uintptr_t>(p) - reinterpret_cast<std::uintptr_t>(leastAddr) < addrSpan;
+  }
+  // A direct mapping's chunk: its mapping starts on a page within the heap's
+  // range and its fence word is in place (checked before anything is unmapped).
+  bool MappingIntact(const Chunk* p) const;
   // Frees an in-use chunk of a segment, coalescing with its neighbours.
   void ReleaseChunk(Chunk* p, size_t psize, bool mayTrim);
   void ReleaseChunkInline(Chunk* p, size_t psize, bool mayTrim);  // general_heap.cpp only
@@ -125,6 +132,7 @@ class Heap {
   Segment** LinkTo(const Segment* s);
   Segment* SegmentHolding(const void* a) const;
   void AddFootprint(size_t size);
+  void NoteRun(char* base, size_t size);
 
  private:
   void* MallocHeld(size_t bytes, size_t& nb);

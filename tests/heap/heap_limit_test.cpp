@@ -43,6 +43,18 @@ TEST(HeapLimit, ANewLimitIsStoredAtOnceButEnforcedFromTheNextMalloptCall) {
             "mem_MemoryLimit 1\n");
 }
 
+TEST(HeapLimit, GrowingADirectMappingIsJudgedByTheLimitAndSetsTheStatus) {
+  EXPECT_EQ(Scenario("mapped_growth_status"),
+            "mapped 1\n"
+            "refused 1\n"
+            "status_refused -1\n"
+            "grown 1\n"
+            "status_growth_allowed 0\n"
+            "grown_again 1\n"
+            "status_growth_refused -1\n"
+            "footprint_only_shrank 1\n");
+}
+
 TEST(HeapLimit, AFullHeapServesAgainOnceMemoryGoesBack) {
   EXPECT_EQ(Scenario("limit_recovery"),
             "filled 1\n"
@@ -75,12 +87,34 @@ TEST(HeapFragmentation, ZeroBeforeAnyAllocationThenTheLargestFreeChunk) {
             "mem_FragmentationInfo 1\n");
 }
 
+TEST(HeapStatistics, ALargeFirstRequestIsCountedLikeAnyOther) {
+  EXPECT_EQ(Scenario("first_request_large"),
+            "footprint_taken 1\n"
+            "arena_plus_mapped_is_footprint 1\n"
+            "in_use_counted 1\n"
+            "top_counted 1\n"
+            "freed_chunk_is_largest 1\n");
+}
+
 TEST(HeapCorruption, ADoubleFreeAbortsWithTheHeapMessage) {
   const auto result = RunProbe("heap_probe", "double_free");
   EXPECT_FALSE(result.exited) << Describe(result);
   EXPECT_EQ(result.signal, SIGABRT) << Describe(result);
   EXPECT_EQ(result.err, "ERROR: general heap corrupted (free of a block that is not in use)\n");
   EXPECT_EQ(result.out.find("survived"), std::string::npos);
+}
+
+// Pointers the heap never handed out: on the stack, in static data, from the
+// runtime's heap, inside a block, or before the heap has any memory at all.
+TEST(HeapCorruption, AFreeOfAForeignPointerAbortsBeforeTouchingAnything) {
+  for (const char* scenario : {"free_stack_pointer", "free_zeroed_static", "free_runtime_block",
+                               "free_interior_pointer", "free_before_any_allocation"}) {
+    const auto result = RunProbe("heap_probe", scenario);
+    EXPECT_FALSE(result.exited) << scenario << ": " << Describe(result);
+    EXPECT_EQ(result.signal, SIGABRT) << scenario << ": " << Describe(result);
+    EXPECT_EQ(result.err, "ERROR: general heap corrupted (free of a block that is not in use)\n") << scenario;
+    EXPECT_EQ(result.out.find("survived"), std::string::npos) << scenario;
+  }
 }
 
 }  // namespace

@@ -308,3 +308,35 @@ TEST(HeapWalk, ReportsADamagedBoundaryTagAndPassesOnceRepaired) {
 }
 
 }  // namespace
+
+namespace {
+
+// Alignments no address space can honour are refused, whatever their bit pattern.
+TEST(HeapBadInput, AbsurdAlignmentsAndSizesAreRefusedAndTheHeapStaysWhole) {
+  const std::size_t absurd[] = {kMaxSize, kMaxSize - 1, (kMaxSize >> 1) + 2, std::size_t(1) << 63,
+                                (std::size_t(1) << 62) + 1, std::size_t(1) << 61};
+  for (std::size_t alignment : absurd) {
+    EXPECT_EQ(dlmemalign(alignment, 16), nullptr) << alignment;
+    EXPECT_EQ(dlmemalign(alignment, kMaxSize), nullptr) << alignment;
+  }
+  EXPECT_EQ(dlmemalign(64, kMaxSize), nullptr);
+  EXPECT_EQ(dlmemalign(64, kMaxSize - 4096), nullptr);
+  EXPECT_EQ(dlmalloc(kMaxSize), nullptr);
+  EXPECT_EQ(dlmalloc(kMaxSize - 16), nullptr);
+  EXPECT_EQ(dlcalloc(kMaxSize, 2), nullptr);
+  EXPECT_EQ(dlcalloc(std::size_t(1) << 32, (std::size_t(1) << 32) + 1), nullptr);
+  char* p = static_cast<char*>(dlmalloc(100));
+  ASSERT_NE(p, nullptr);
+  std::memcpy(p, "kept", 5);
+  for (std::size_t huge : {kMaxSize, kMaxSize - 64, std::size_t(1) << 62, std::size_t(1) << 47})
+    EXPECT_EQ(dlrealloc(p, huge), nullptr) << huge;
+  EXPECT_STREQ(p, "kept");  // a refused reallocation leaves the block alone
+  // A freed block reports no usable bytes.
+  void* guard = dlmalloc(100);
+  dlfree(p);
+  EXPECT_EQ(dlmalloc_usable_size(p), 0u);
+  dlfree(guard);
+  ExpectConsistent();
+}
+
+}  // namespace

@@ -3,6 +3,7 @@
 // the first fragmentation query and the abort on a damaged heap.
 // Prints one "name value" line per observation.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -59,6 +60,7 @@ void LimitBoundary() {
 
 void LimitLag() {
   Up();
+  dlfree(dlmalloc(64));  // the heap's first run exists, so kBig gets a mapping
   const std::size_t limit = dlmalloc_footprint() + 4096;
   Show("mallopt", dlmallopt(-5, static_cast<int>(limit)));
   Show("stored", dlmalloc_memory_limit() == limit);
@@ -95,6 +97,59 @@ void LimitRecovery() {
   dlfree(big);
 }
 
+// Growing a direct mapping is judged by the limit (the difference) and sets the
+// status even when the block then moves into free space the heap already holds.
+void MappedGrowthStatus() {
+  Up();
+  void* first = dlmalloc(64);  // the top chunk exists and is small
+  const std::size_t mappedBefore = dlmallinfo().hblkhd;
+  void* m1 = dlmalloc(300000);
+  void* m2 = dlmalloc(300000);
+  Show("mapped", dlmallinfo().hblkhd - mappedBefore >= 600000);
+  dlmallopt(-3, -1);  // no mappings while the free chunks are made
+  void* held[4];
+  for (int i = 0; i < 2; ++i) {
+    held[2 * i] = dlmalloc(700000);
+    held[2 * i + 1] = dlmalloc(64);  // keeps the freed chunk out of the top
+  }
+  dlfree(held[0]);
+  dlfree(held[2]);
+  dlmallopt(-3, 262144);
+  const std::size_t footprint = dlmalloc_footprint();
+  // The growth (a few 64 KiB units) fits under this limit, a whole new mapping does not.
+  SetLimitInForce(footprint + 200000);
+  Show("refused", dlmalloc(4 * kBig) == nullptr);
+  Show("status_refused", error_memory_limit());
+  m1 = dlrealloc(m1, 400000);
+  Show("grown", m1 != nullptr);
+  Show("status_growth_allowed", error_memory_limit());
+  const std::size_t footprintNow = dlmalloc_footprint();  // m1's mapping went back
+  SetLimitInForce(footprintNow + 4096);
+  m2 = dlrealloc(m2, 400000);
+  Show("grown_again", m2 != nullptr);
+  Show("status_growth_refused", error_memory_limit());
+  Show("footprint_only_shrank", dlmalloc_footprint() < footprintNow && footprintNow < footprint);
+  (void)first;
+}
+
+// A large first request still builds the heap's top chunk, so the statistics
+// and the largest-free query see the memory it took.
+void FirstRequestLarge() {
+  Up();
+  void* big = dlmalloc(300000);
+  void* guard = dlmalloc(64);  // keeps big's chunk out of the top once freed
+  void* bigger = dlmalloc(400000);
+  const dl_mallinfo info = dlmallinfo();
+  Show("footprint_taken", dlmalloc_footprint() >= 700000);
+  Show("arena_plus_mapped_is_footprint", info.arena + info.hblkhd == dlmalloc_footprint());
+  Show("in_use_counted", info.uordblks >= 700000);
+  Show("top_counted", info.ordblks >= 1);
+  dlfree(big);
+  Show("freed_chunk_is_largest", dlfragmentationinfo() > 300000);
+  dlfree(bigger);
+  dlfree(guard);
+}
+
 int g_handlerCalls = 0;
 void* g_reserve = nullptr;
 
@@ -108,6 +163,7 @@ void FreeReserve() {
 // Exhaustion under the limit as every front-door form reports it.
 void FrontDoorLimit() {
   Up();
+  mem_Free(mem_Malloc(64));  // the heap's first run exists, so kBig gets a mapping
   g_reserve = mem_Malloc(kBig);
   mem_Mallopt(-5, static_cast<int>(mem_Footprint() + 4096));
   mem_Mallopt(-3, 262144);
@@ -170,6 +226,51 @@ void DoubleFree() {
   Show("survived", keep != nullptr && keep2 != nullptr);
 }
 
+// Frees of pointers the heap never handed out. Each must stop the process with
+// the heap's message before anything is written or given back to the system.
+alignas(4096) unsigned char g_zeroPage[8192];
+
+void ForeignFree(void* p) {
+  Up();
+  void* keep = dlmalloc(200);
+  std::fflush(stdout);
+  dlfree(p);
+  Show("survived", keep != nullptr);
+}
+
+void FreeOfStackPointer() {
+  alignas(16) unsigned char local[256];
+  std::memset(local, 0x5A, sizeof local);
+  ForeignFree(local + 128);
+}
+
+// Zeroed memory reads as a directly mapped chunk at offset 0.
+void FreeOfZeroedStatic() { ForeignFree(g_zeroPage + 4096 + 16); }
+
+void FreeOfRuntimeBlock() {
+  void* p = std::malloc(200);
+  std::memset(p, 0, 200);
+  ForeignFree(p);
+}
+
+// A pointer into a block whose preceding words look like a direct mapping
+// (both in-use bits clear) over pages the heap still uses.
+void FreeOfInteriorPointer() {
+  Up();
+  unsigned char* block = static_cast<unsigned char*>(dlmemalign(4096, 4 * 4096));
+  std::memset(block, 0, 4 * 4096);
+  const std::size_t fake[2] = {0, 8192};  // offset 0, size 8192, not in use
+  std::memcpy(block + 4096, fake, sizeof fake);
+  ForeignFree(block + 4096 + 2 * sizeof(std::size_t));
+}
+
+void FreeBeforeAnyAllocation() {
+  alignas(16) unsigned char local[64] = {};
+  std::fflush(stdout);
+  dlfree(local + 32);
+  Show("survived", 1);
+}
+
 struct Scenario {
   const char* name;
   void (*run)();
@@ -178,7 +279,10 @@ struct Scenario {
 const Scenario kScenarios[] = {
     {"limit_boundary", LimitBoundary}, {"limit_lag", LimitLag},
     {"limit_recovery", LimitRecovery}, {"front_door_limit", FrontDoorLimit},
-    {"first_fragmentation", FirstFragmentation}, {"double_free", DoubleFree},
+    {"first_fragmentation", FirstFragmentation}, {"double_free", DoubleFree}, {"first_request_large", FirstRequestLarge}, {"mapped_growth_status", MappedGrowthStatus},
+    {"free_stack_pointer", FreeOfStackPointer}, {"free_zeroed_static", FreeOfZeroedStatic},
+    {"free_runtime_block", FreeOfRuntimeBlock},
+    {"free_interior_pointer", FreeOfInteriorPointer}, {"free_before_any_allocation", FreeBeforeAnyAllocation},
 };
 
 }  // namespace
