@@ -150,6 +150,9 @@ __attribute__((always_inline)) inline void Heap::ReleaseChunkInline(Chunk* p, si
     SetFreeWithPinuse(p, psize, next);
   }
   InsertChunk(p, psize);
+  // A large free chunk away from the top may open a segment (new runs often
+  // land below the heap): give its leading space back as the top trim would.
+  if (ZMX_UNLIKELY(mayTrim && psize > g_params.trimThreshold)) TrimAfterLargeFree();
 }
 
 void Heap::ReleaseChunk(Chunk* p, size_t psize, bool mayTrim) { ReleaseChunkInline(p, psize, mayTrim); }

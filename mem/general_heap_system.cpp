@@ -75,7 +75,12 @@ bool Heap::GrowHeap(size_t nb) {
   const size_t size = AlignUp(nb + kTopFoot + kMinChunk, g_params.granularity);
   if (size <= nb) return false;
   if (!RequestAllowed(size)) return false;
-  char* base = static_cast<char*>(platform::MapMemory(size, false));
+  // New address space is asked for right behind the top chunk's segment, so
+  // that it usually extends the top (and can be trimmed) instead of landing
+  // below the heap as a free chunk apart from it.
+  const Segment* topSegment = top != nullptr ? SegmentHolding(top) : nullptr;
+  char* base = static_cast<char*>(
+      platform::MapMemory(size, false, topSegment != nullptr ? SegmentEnd(topSegment) : nullptr));
   if (base == nullptr) return false;
   AddFootprint(size);
   NoteRun(base, size);
@@ -171,8 +176,51 @@ int Heap::SysTrim(size_t pad) {
     }
   }
   released += ReleaseUnusedSegments();
+  released += TrimSegmentFronts(pad);
   if (released == 0 && topSize > trimLatch) trimLatch = topSize;
   return released != 0 ? 1 : 0;
+}
+
+// Mirror of the top trim for the other end of a segment: the system usually
+// places new runs just below the heap, so free space gathers at segment fronts.
+// Whole units at the front of a free first chunk go back, keeping pad bytes.
+size_t Heap::TrimSegmentFront(Segment* s, size_t pad) {
+  Chunk* first = reinterpret_cast<Chunk*>(s->base);
+  if (first == top || Cinuse(first)) return 0;
+  const size_t size = ChunkSize(first);
+  const size_t keep = pad + kMinChunk;
+  if (pad >= kMaxRequest || size <= keep) return 0;
+  const size_t cut = ((size - keep) / g_params.granularity) * g_params.granularity;
+  if (cut == 0) return 0;
+  const bool isDv = first == dv;
+  if (!isDv) UnlinkChunk(first, size);
+  if (!platform::UnmapMemory(s->base, cut)) {
+    if (!isDv) InsertChunk(first, size);
+    return 0;
+  }
+  s->base += cut;
+  s->size -= cut;
+  footprint -= cut;
+  Chunk* rest = reinterpret_cast<Chunk*>(s->base);
+  SetSizeAndPinuseOfFreeChunk(rest, size - cut);
+  if (isDv) {
+    dv = rest;
+    dvSize = size - cut;
+  } else {
+    InsertChunk(rest, size - cut);
+  }
+  return cut;
+}
+
+size_t Heap::TrimSegmentFronts(size_t pad) {
+  size_t released = 0;
+  for (Segment* s = segments; s != nullptr; s = s->next) released += TrimSegmentFront(s, pad);
+  return released;
+}
+
+void Heap::TrimAfterLargeFree() {
+  ReleaseUnusedSegments();
+  TrimSegmentFronts(0);
 }
 
 // Unmaps every segment (but the top's) that holds one free chunk and nothing else.

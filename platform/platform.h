@@ -16,8 +16,9 @@ std::size_t PageSize();
 // The unit in which address space is handed out (64 KiB on Windows, the page size here).
 std::size_t AllocationGranularity();
 // Reserves and commits `size` bytes read-write; `fromTop` asks for high addresses
-// (a hint). Returns null on failure. The memory reads as zero.
-void* MapMemory(std::size_t size, bool fromTop);
+// and `near` for a place starting at that address (both hints only). Returns
+// null on failure. The memory reads as zero.
+void* MapMemory(std::size_t size, bool fromTop, const void* near = nullptr);
 // Gives back a range obtained from MapMemory (whole or the tail of one). True on success.
 bool UnmapMemory(void* address, std::size_t size);
 

@@ -129,6 +129,9 @@ class Heap {
   Chunk* ResizeMapped(Chunk* p, size_t nb);
   int SysTrim(size_t pad);
   size_t ReleaseUnusedSegments();
+  size_t TrimSegmentFronts(size_t pad);
+  size_t TrimSegmentFront(Segment* s, size_t pad);
+  void TrimAfterLargeFree();
   Segment** LinkTo(const Segment* s);
   Segment* SegmentHolding(const void* a) const;
   void AddFootprint(size_t size);

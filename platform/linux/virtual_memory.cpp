@@ -20,9 +20,10 @@ std::size_t AllocationGranularity() {
   return PageSize() > kUnit ? PageSize() : kUnit;
 }
 
-void* MapMemory(std::size_t size, bool /*fromTop*/) {
-  // Linux hands out mappings from the top of the address space already.
-  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+void* MapMemory(std::size_t size, bool /*fromTop*/, const void* near) {
+  // Linux hands out mappings from the top of the address space downwards
+  // already; a free range at `near` is taken when asked for.
+  void* p = mmap(const_cast<void*>(near), size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   return p == MAP_FAILED ? nullptr : p;
 }
 
