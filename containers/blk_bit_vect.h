@@ -92,7 +92,7 @@ class ZMXUTI_API omi_BlkBitVect : public omi_BlockedArray<unsigned int> {
  private:
   friend class omi_BlkBitVectTrav;
   friend void SetBitTraverseData(const omi_BlkBitVect*, omi_BlkBitVectTrav*);
-  friend struct omi_internal::ContainerChecks;
+  friend struct zmx::containers_internal::ContainerChecks;
 
   unsigned int* WordAt(unsigned int bit) const { return CellAt(bit >> 5); }
   void SetBitInNewPage(unsigned int bit);

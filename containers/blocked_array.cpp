@@ -168,7 +168,7 @@ void omi_BlockedArray<T>::Dump() const {
     }
     text += "\n";
   }
-  omi_internal::WriteStandardOutput(text.data(), text.size(), true);
+  zmx::containers_internal::WriteStandardOutput(text.data(), text.size(), true);
 }
 
 template class omi_BlockedArray<unsigned int>;

@@ -74,7 +74,7 @@ struct OmiBits {
   void AndNot(const OmiBits& o) { v -= o.v; }
   void Xor(const OmiBits& o) { v ^= o.v; }
   unsigned long long Count() const { return v.Count(); }
-  std::size_t Bytes() const { return omi_internal::ContainerChecks::BytesHeld(v); }
+  std::size_t Bytes() const { return zmx::containers_internal::ContainerChecks::BytesHeld(v); }
 };
 
 struct FlatBits {

@@ -59,7 +59,7 @@ struct OmiTable {
     for (it.First(); !it.IsDone(); it.Next()) sum += it.CurrentValue();
     return sum;
   }
-  std::size_t Bytes() const { return omi_internal::ContainerChecks::BytesHeld(t); }
+  std::size_t Bytes() const { return zmx::containers_internal::ContainerChecks::BytesHeld(t); }
 };
 
 struct StdTable {

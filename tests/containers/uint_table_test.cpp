@@ -15,7 +15,7 @@
 
 namespace {
 
-using omi_internal::ContainerChecks;
+using zmx::containers_internal::ContainerChecks;
 
 constexpr unsigned int kBlock = 1u << 20;  // keys per block in the default geometry
 
