@@ -14,11 +14,11 @@
 #include "containers/internal/container_checks.h"
 #endif
 
-using omi_internal::AndNotPage;
-using omi_internal::AndPage;
-using omi_internal::CountPageBits;
-using omi_internal::OrPage;
-using omi_internal::XorPage;
+using zmx::containers_internal::AndNotPage;
+using zmx::containers_internal::AndPage;
+using zmx::containers_internal::CountPageBits;
+using zmx::containers_internal::OrPage;
+using zmx::containers_internal::XorPage;
 
 namespace {
 constexpr unsigned int kGrowthIncrement = 128;
@@ -27,7 +27,7 @@ constexpr unsigned int kWordsPerPageShift = 8;
 // With ZMX_HEAP_DEBUG every whole-set operator walks its result.
 inline void VerifyAfterRecount(const omi_BlkBitVect& vector, const char* where) {
 #if ZMX_HEAP_DEBUG
-  const std::string fault = omi_internal::ContainerChecks::CheckBitVectorAfterRecount(vector);
+  const std::string fault = zmx::containers_internal::ContainerChecks::CheckBitVectorAfterRecount(vector);
   if (!fault.empty()) {
     std::fprintf(stderr, "%s  --  %s\n", where, fault.c_str());
     std::abort();
@@ -69,7 +69,7 @@ void omi_BlkBitVect::SetFromTo(unsigned int from, unsigned int to) {
   // Whole words strictly between the two ends.
   for (unsigned int w = firstWord + 1; w < lastWord; ++w) {
     unsigned int* word = CellAt(w);
-    if (word != nullptr) count_ -= omi_internal::CountBitsByTable(*word);
+    if (word != nullptr) count_ -= zmx::containers_internal::CountBitsByTable(*word);
     SetCell(w, 0xFFFFFFFFu);
     count_ += 32;
   }
@@ -236,7 +236,7 @@ bool omi_BlkBitVect::Contains(const omi_BlkBitVect& other) const {
 }
 
 void omi_BlkBitVect::DumpList() const {
-  using omi_internal::WriteStandardError;
+  using zmx::containers_internal::WriteStandardError;
   omi_BlkBitVectTrav traversal(this);
   unsigned int bit = 0;
   if (!traversal.First(bit)) {

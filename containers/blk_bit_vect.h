@@ -92,7 +92,7 @@ class ZMXUTI_API omi_BlkBitVect : public omi_BlockedArray<unsigned int> {
  private:
   friend class omi_BlkBitVectTrav;
   friend void SetBitTraverseData(const omi_BlkBitVect*, omi_BlkBitVectTrav*);
-  friend struct omi_internal::ContainerChecks;
+  friend struct zmx::containers_internal::ContainerChecks;
 
   unsigned int* WordAt(unsigned int bit) const { return CellAt(bit >> 5); }
   void SetBitInNewPage(unsigned int bit);
@@ -116,8 +116,35 @@ class ZMXUTI_API omi_BlkBitVectTrav : public mem_AllocationOperatorsTiny {
 
   bool First(unsigned int& bit);
   bool Last(unsigned int& bit);
-  bool Next(unsigned int& bit);
-  bool Prev(unsigned int& bit);
+  // Next and Prev look in the current word and the rest of the current page
+  // inline; leaving the page (or a traversal not standing on a word) goes out of line.
+  bool Next(unsigned int& bit) {
+    if (ZMX_LIKELY(word_ != nullptr)) {
+      const unsigned int above = *word_ & ~(mask_ | (mask_ - 1));
+      if (above != 0) return StandInPage(word_, above & (0u - above), bitIndex_ & ~31u, bit);
+      for (const unsigned int* word = word_ + 1; word != pageEnd_; ++word) {
+        if (*word != 0) {
+          const unsigned int wordBase = (bitIndex_ & ~31u) + (static_cast<unsigned int>(word - word_) << 5);
+          return StandInPage(word, *word & (0u - *word), wordBase, bit);
+        }
+      }
+    }
+    return NextBeyondPage(bit);
+  }
+  bool Prev(unsigned int& bit) {
+    if (ZMX_LIKELY(word_ != nullptr)) {
+      const unsigned int below = *word_ & (mask_ - 1);
+      if (below != 0) return StandInPage(word_, 0x80000000u >> __builtin_clz(below), bitIndex_ & ~31u, bit);
+      for (const unsigned int* word = word_; word != pageFront_;) {
+        --word;
+        if (*word != 0) {
+          const unsigned int wordBase = (bitIndex_ & ~31u) - (static_cast<unsigned int>(word_ - word) << 5);
+          return StandInPage(word, 0x80000000u >> __builtin_clz(*word), wordBase, bit);
+        }
+      }
+    }
+    return PrevBeyondPage(bit);
+  }
   // Places the traversal at `bit` when it is set (bit unchanged, true);
   // otherwise moves to the nearest set bit above (forward) or below it.
   bool SetCurrent(unsigned int& bit, bool forward);
@@ -132,6 +159,18 @@ class ZMXUTI_API omi_BlkBitVectTrav : public mem_AllocationOperatorsTiny {
   bool SearchBackward(int page, unsigned int& bit);
   bool StandOn(int page, const unsigned int* word, unsigned int mask, unsigned int& bit);
   bool RunOffEnd(int page, unsigned int& bit);
+  // Moves to `mask` of `word` in the current page; wordBase is the index of the word's bit 0.
+  bool StandInPage(const unsigned int* word, unsigned int mask, unsigned int wordBase, unsigned int& bit) {
+    word_ = word;
+    mask_ = mask;
+    bitIndex_ = wordBase + static_cast<unsigned int>(__builtin_ctz(mask));
+    bit = bitIndex_;
+    return true;
+  }
+  // The moves once the current page holds no further bit that way (or the
+  // traversal does not stand on a word).
+  bool NextBeyondPage(unsigned int& bit);
+  bool PrevBeyondPage(unsigned int& bit);
 
   int directoryLength_;
   unsigned int pageSize_;

@@ -92,30 +92,19 @@ bool omi_BlkBitVectTrav::First(unsigned int& bit) {
 
 bool omi_BlkBitVectTrav::Last(unsigned int& bit) { return SearchBackward(directoryLength_ - 1, bit); }
 
-bool omi_BlkBitVectTrav::Next(unsigned int& bit) {
+bool omi_BlkBitVectTrav::NextBeyondPage(unsigned int& bit) {
   if (word_ == nullptr) {
     // Not on a word: fresh, or run off one end; resume from where it stands.
     if (pageIndex_ >= directoryLength_) return RunOffEnd(directoryLength_, bit);
     return SearchForward(std::max(pageIndex_, 0), bit);
   }
-  const unsigned int above = *word_ & ~(mask_ | (mask_ - 1));
-  if (above != 0) return StandOn(pageIndex_, word_, above & (0u - above), bit);
-  for (const unsigned int* word = word_ + 1; word != pageEnd_; ++word) {
-    if (*word != 0) return StandOn(pageIndex_, word, *word & (0u - *word), bit);
-  }
   return SearchForward(pageIndex_ + 1, bit);
 }
 
-bool omi_BlkBitVectTrav::Prev(unsigned int& bit) {
+bool omi_BlkBitVectTrav::PrevBeyondPage(unsigned int& bit) {
   if (word_ == nullptr) {
     if (pageIndex_ < 0) return RunOffEnd(-1, bit);
     return SearchBackward(std::min(pageIndex_, directoryLength_ - 1), bit);
-  }
-  const unsigned int below = *word_ & (mask_ - 1);
-  if (below != 0) return StandOn(pageIndex_, word_, 0x80000000u >> __builtin_clz(below), bit);
-  for (const unsigned int* word = word_; word != pageFront_;) {
-    --word;
-    if (*word != 0) return StandOn(pageIndex_, word, 0x80000000u >> __builtin_clz(*word), bit);
   }
   return SearchBackward(pageIndex_ - 1, bit);
 }

@@ -2,6 +2,7 @@
 #include "containers/blocked_array.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -112,11 +113,15 @@ void omi_BlockedArray<T>::GrowDirectoryTo(unsigned int length) {
 template <typename T>
 T* omi_BlockedArray<T>::MakePage(unsigned int page) {
   if (page >= directoryLength_) {
-    // The next multiple of the increment above the page index; a directory of
-    // more than 2^32 slots cannot be asked for by 32-bit indices with shift 0
-    // and increment 1, but the product is taken in 64 bits to stay exact.
+    // The next multiple of the increment above the page index, taken in 64
+    // bits: with page shift 0 the highest indices need more slots than a
+    // 32-bit directory length can count, and no shorter directory holds them.
     const unsigned long long length = (static_cast<unsigned long long>(page) / growthIncrement_ + 1) * growthIncrement_;
-    GrowDirectoryTo(length > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<unsigned int>(length));
+    if (length > 0xFFFFFFFFull) {
+      std::fprintf(stderr, "omi_BlockedArray: page %u needs a directory of more than 4294967295 slots\n", page);
+      std::abort();
+    }
+    GrowDirectoryTo(static_cast<unsigned int>(length));
   }
   if (directory_[page] == nullptr) directory_[page] = NewZeroPage();
   return directory_[page];
@@ -163,7 +168,7 @@ void omi_BlockedArray<T>::Dump() const {
     }
     text += "\n";
   }
-  omi_internal::WriteStandardOutput(text.data(), text.size(), true);
+  zmx::containers_internal::WriteStandardOutput(text.data(), text.size(), true);
 }
 
 template class omi_BlockedArray<unsigned int>;

@@ -16,9 +16,11 @@
 #include "core/export.h"
 #include "mem/allocation.h"
 
-namespace omi_internal {
+namespace zmx {
+namespace containers_internal {
 struct ContainerChecks;
-}
+}  // namespace containers_internal
+}  // namespace zmx
 
 template <typename T>
 class ZMXUTI_API omi_BlockedArray : public mem_AllocationOperators {
@@ -50,7 +52,7 @@ class ZMXUTI_API omi_BlockedArray : public mem_AllocationOperators {
   void Dump() const;
 
  protected:
-  friend struct omi_internal::ContainerChecks;
+  friend struct zmx::containers_internal::ContainerChecks;
 
   // Frees every page and nulls its slot; the directory keeps its length.
   void Clear();

@@ -16,7 +16,8 @@ constexpr unsigned int kBlockDirectoryStep = 64;
 // Brings (a, b) into the range where every shift stays below 32.
 void CheckGeometry(unsigned int& a, unsigned int& b) {
   unsigned int cappedA = a < 1 ? 1 : (a > 31 ? 31 : a);
-  unsigned int cappedB = cappedA + b > 31 ? 31 - cappedA : b;
+  // b is compared with the room left, so that a huge b cannot wrap the sum.
+  unsigned int cappedB = b > 31 - cappedA ? 31 - cappedA : b;
   if (cappedA != a || cappedB != b) {
     std::fprintf(stderr, "omi_UintTable: geometry (%u, %u) out of range, using (%u, %u)\n", a, b, cappedA,
                  cappedB);

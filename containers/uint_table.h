@@ -119,7 +119,7 @@ class ZMXUTI_API omi_UintTable {
  private:
   friend class omi_IntMultiMap<int>;
   friend class omi_IntMultiMap<void*>;
-  friend struct omi_internal::ContainerChecks;
+  friend struct zmx::containers_internal::ContainerChecks;
 
   bool InsertIntoNewBlock(unsigned int key, const T& value);
   void GrowDirectoryFor(unsigned int index);

@@ -9,8 +9,8 @@
 #include "bench_report.h"
 
 namespace zmx_bench_containers {
-void RunBitVectorBench(Report& report, bool quick);
-void RunTableBench(Report& report, bool quick);
+void RunBitVectorBench(zmx_bench::Report& report, bool quick);
+void RunTableBench(zmx_bench::Report& report, bool quick);
 }  // namespace zmx_bench_containers
 
 namespace {
@@ -40,20 +40,29 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  zmx_bench_containers::Report bits, tables;
-  std::fprintf(stderr, "bit vectors...\n");
-  if (only != "tables") zmx_bench_containers::RunBitVectorBench(bits, quick);
-  std::fprintf(stderr, "tables...\n");
-  if (only != "bits") zmx_bench_containers::RunTableBench(tables, quick);
-  std::printf("== bit vectors (ratio: peer / omi_BlkBitVect, above 1 = omi ahead)\n");
-  bits.PrintTable("omi_BlkBitVect");
-  std::printf("\n== integer-keyed tables (ratio: peer / omi_UintTable, above 1 = omi ahead)\n");
-  tables.PrintTable("omi_UintTable");
-  bits.WriteMarkdown(out + "/bench_containers_bits.md", "omi_BlkBitVect");
-  tables.WriteMarkdown(out + "/bench_containers_tables.md", "omi_UintTable");
-  bits.WriteSvg(out + "/bench_containers_bits.svg", "omi_BlkBitVect against CRoaring and a flat bitset", "omi_BlkBitVect");
-  tables.WriteSvg(out + "/bench_containers_tables.svg", "omi_UintTable against std::unordered_map, absl::flat_hash_map, JudyL",
-                  "omi_UintTable");
+  // Values are times and bytes (lower is better); the ratio column says how far
+  // the library is ahead of each peer: peer / library, above 1 = library ahead.
+  zmx_bench::Report bits("Bit vectors: omi_BlkBitVect against CRoaring and a flat bitset", false);
+  zmx_bench::Report tables("Integer-keyed tables: omi_UintTable against std::unordered_map, absl::flat_hash_map, JudyL",
+                           false);
+  for (zmx_bench::Report* report : {&bits, &tables}) {
+    report->SetRatioDirection(zmx_bench::Report::RatioDirection::BaselineAhead);
+    report->SetLogScaleChart(true);
+  }
+  if (only != "tables") {
+    std::fprintf(stderr, "bit vectors...\n");
+    zmx_bench_containers::RunBitVectorBench(bits, quick);
+    bits.PrintTable("omi_BlkBitVect");
+    bits.WriteMarkdown(out + "/bench_containers_bits.md", "omi_BlkBitVect");
+    bits.WriteSvg(out + "/bench_containers_bits.svg", "omi_BlkBitVect");
+  }
+  if (only != "bits") {
+    std::fprintf(stderr, "tables...\n");
+    zmx_bench_containers::RunTableBench(tables, quick);
+    tables.PrintTable("omi_UintTable");
+    tables.WriteMarkdown(out + "/bench_containers_tables.md", "omi_UintTable");
+    tables.WriteSvg(out + "/bench_containers_tables.svg", "omi_UintTable");
+  }
   std::printf("\nwritten: %s/bench_containers_{bits,tables}.{md,svg}\n", out.c_str());
   return 0;
 }

@@ -10,6 +10,7 @@
 
 #include "ZMXUTI_CoreUtils.h"
 #include "bench_report.h"
+#include "bench_timing.h"
 #include "containers/internal/container_checks.h"
 
 #if ZMX_BENCH_HAVE_ROARING
@@ -74,7 +75,7 @@ struct OmiBits {
   void AndNot(const OmiBits& o) { v -= o.v; }
   void Xor(const OmiBits& o) { v ^= o.v; }
   unsigned long long Count() const { return v.Count(); }
-  std::size_t Bytes() const { return omi_internal::ContainerChecks::BytesHeld(v); }
+  std::size_t Bytes() const { return zmx::containers_internal::ContainerChecks::BytesHeld(v); }
 };
 
 struct FlatBits {
@@ -140,7 +141,7 @@ struct RoaringBits {
 #endif
 
 template <typename C>
-void RunContender(Report& report, const std::string& label, const MemberSet& a, const MemberSet& b, std::uint64_t range) {
+void RunContender(zmx_bench::Report& report, const std::string& label, const MemberSet& a, const MemberSet& b, std::uint64_t range) {
   const double n = static_cast<double>(a.members.size());
   std::vector<C*> scratch;
   auto fresh = [&]() {
@@ -187,7 +188,7 @@ void RunContender(Report& report, const std::string& label, const MemberSet& a, 
 
 }  // namespace
 
-void RunBitVectorBench(Report& report, bool quick) {
+void RunBitVectorBench(zmx_bench::Report& report, bool quick) {
   const std::vector<std::size_t> sizes = quick ? std::vector<std::size_t>{10000, 1000000}
                                                : std::vector<std::size_t>{10000, 100000, 1000000, 10000000};
   for (const char* kind : {"sparse", "clustered", "dense"}) {

@@ -11,6 +11,7 @@
 
 #include "ZMXUTI_CoreUtils.h"
 #include "bench_report.h"
+#include "bench_timing.h"
 #include "containers/internal/container_checks.h"
 
 #if ZMX_BENCH_HAVE_ABSL
@@ -59,7 +60,7 @@ struct OmiTable {
     for (it.First(); !it.IsDone(); it.Next()) sum += it.CurrentValue();
     return sum;
   }
-  std::size_t Bytes() const { return omi_internal::ContainerChecks::BytesHeld(t); }
+  std::size_t Bytes() const { return zmx::containers_internal::ContainerChecks::BytesHeld(t); }
 };
 
 struct StdTable {
@@ -159,7 +160,7 @@ std::vector<std::uint32_t> MakeKeys(const std::string& kind, std::size_t n, unsi
 }
 
 template <typename C>
-void RunTable(Report& report, const std::string& label, const std::vector<std::uint32_t>& keys,
+void RunTable(zmx_bench::Report& report, const std::string& label, const std::vector<std::uint32_t>& keys,
               const std::vector<std::uint32_t>& lookups) {
   const double n = static_cast<double>(keys.size());
   C* table = nullptr;
@@ -196,7 +197,7 @@ void RunTable(Report& report, const std::string& label, const std::vector<std::u
 
 }  // namespace
 
-void RunTableBench(Report& report, bool quick) {
+void RunTableBench(zmx_bench::Report& report, bool quick) {
   struct Case {
     const char* kind;
     std::size_t n;

@@ -2,6 +2,8 @@
 #include "bench_report.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -36,12 +38,18 @@ double Report::Ratio(const std::string& workload, const std::string& contender, 
   const Entry* value = Find(workload, contender);
   const Entry* base = Find(workload, baseline);
   if (value == nullptr || base == nullptr || value->value <= 0 || base->value <= 0) return 0;
-  return higherIsBetter_ ? value->value / base->value : base->value / value->value;
+  const double contenderAgainstBaseline = higherIsBetter_ ? value->value / base->value : base->value / value->value;
+  return direction_ == RatioDirection::BaselineAhead ? 1.0 / contenderAgainstBaseline : contenderAgainstBaseline;
+}
+
+std::string Report::AboveOneMeans(const std::string& baseline) const {
+  return direction_ == RatioDirection::BaselineAhead ? baseline + " ahead" : "better than " + baseline;
 }
 
 std::string Report::MarkdownText(const std::string& baseline) const {
   std::ostringstream out;
-  out << "## " << title_ << "\n\n| workload | contender | value | ratio to " << baseline << " |\n|---|---|---:|---:|\n";
+  out << "## " << title_ << "\n\nRatio above 1: " << AboveOneMeans(baseline) << ".\n\n| workload | contender | value | ratio to "
+      << baseline << " |\n|---|---|---:|---:|\n";
   char buf[128];
   for (const std::string& w : Workloads()) {
     for (const std::string& c : Contenders()) {
@@ -55,15 +63,17 @@ std::string Report::MarkdownText(const std::string& baseline) const {
 }
 
 void Report::PrintTable(const std::string& baseline) const {
-  std::printf("\n%s (ratio > 1: better than %s)\n", title_.c_str(), baseline.c_str());
-  std::printf("%-28s %-22s %16s %10s\n", "workload", "contender", "value", "ratio");
+  std::printf("\n%s (ratio > 1: %s)\n", title_.c_str(), AboveOneMeans(baseline).c_str());
+  int width = 28;  // the workload column widens for long names
+  for (const std::string& w : Workloads()) width = std::max(width, static_cast<int>(w.size()));
+  std::printf("%-*s %-22s %16s %10s\n", width, "workload", "contender", "value", "ratio");
   for (const std::string& w : Workloads()) {
     for (const std::string& c : Contenders()) {
       const Entry* e = Find(w, c);
       if (e == nullptr) continue;
       char value[64];
       std::snprintf(value, sizeof value, "%.4g %s", e->value, e->unit.c_str());
-      std::printf("%-28s %-22s %16s %10.2f\n", w.c_str(), c.c_str(), value, Ratio(w, c, baseline));
+      std::printf("%-*s %-22s %16s %10.2f\n", width, w.c_str(), c.c_str(), value, Ratio(w, c, baseline));
     }
   }
 }
@@ -80,8 +90,14 @@ bool Report::WriteSvg(const std::string& path, const std::string& baseline) cons
   const std::vector<std::string> workloads = Workloads();
   const std::vector<std::string> contenders = Contenders();
   double top = 1.0;
+  double bottom = 1.0;  // smallest ratio, for the logarithmic chart
   for (const std::string& w : workloads)
-    for (const std::string& c : contenders) top = std::max(top, Ratio(w, c, baseline));
+    for (const std::string& c : contenders) {
+      const double r = Ratio(w, c, baseline);
+      top = std::max(top, r);
+      if (r > 0) bottom = std::min(bottom, r);
+    }
+  if (logScaleChart_ && top == bottom) top = bottom * 2;
   const int barWidth = 16, groupGap = 30, plotHeight = 300, left = 60, topMargin = 50;
   const int groupWidth = static_cast<int>(contenders.size()) * barWidth + groupGap;
   const int width = left + static_cast<int>(workloads.size()) * groupWidth + 200;
@@ -90,19 +106,29 @@ bool Report::WriteSvg(const std::string& path, const std::string& baseline) cons
   out << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
       << "\" font-family=\"sans-serif\" font-size=\"11\">\n<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n"
       << "<text x=\"" << left << "\" y=\"20\" font-size=\"15\">" << title_ << " (ratio to " << baseline
-      << ", higher is better)</text>\n";
-  auto y = [&](double ratio) { return topMargin + plotHeight - static_cast<int>(ratio / top * plotHeight); };
+      << ", above 1: " << AboveOneMeans(baseline) << (logScaleChart_ ? ", logarithmic scale" : "") << ")</text>\n";
+  auto y = [&](double ratio) {
+    if (!logScaleChart_) return topMargin + plotHeight - static_cast<int>(ratio / top * plotHeight);
+    const double span = std::log(top) - std::log(bottom);
+    return topMargin + static_cast<int>((std::log(top) - std::log(ratio)) / span * plotHeight);
+  };
+  // Bars stand on the bottom of a linear chart and on the 1.0 line of a logarithmic one.
+  const int barBase = logScaleChart_ ? y(1.0) : topMargin + plotHeight;
   out << "<line x1=\"" << left << "\" x2=\"" << width - 200 << "\" y1=\"" << y(1.0) << "\" y2=\"" << y(1.0)
       << "\" stroke=\"black\" stroke-dasharray=\"4\"/>\n<text x=\"5\" y=\"" << y(1.0) + 4 << "\">1.0</text>\n"
       << "<text x=\"5\" y=\"" << y(top) + 4 << "\">" << static_cast<int>(top * 10) / 10.0 << "</text>\n";
+  if (logScaleChart_ && bottom < 1.0) {
+    out << "<text x=\"5\" y=\"" << y(bottom) + 4 << "\">" << static_cast<int>(bottom * 1000) / 1000.0 << "</text>\n";
+  }
   for (std::size_t wi = 0; wi < workloads.size(); ++wi) {
     const int x0 = left + static_cast<int>(wi) * groupWidth;
     for (std::size_t ci = 0; ci < contenders.size(); ++ci) {
       const double r = Ratio(workloads[wi], contenders[ci], baseline);
       if (r <= 0) continue;
       const int x = x0 + static_cast<int>(ci) * barWidth;
-      out << "<rect x=\"" << x << "\" y=\"" << y(r) << "\" width=\"" << barWidth - 2 << "\" height=\""
-          << topMargin + plotHeight - y(r) << "\" fill=\"" << kColours[ci % 10] << "\"><title>" << contenders[ci]
+      const int barTop = std::min(y(r), barBase);
+      out << "<rect x=\"" << x << "\" y=\"" << barTop << "\" width=\"" << barWidth - 2 << "\" height=\""
+          << std::max(std::abs(barBase - y(r)), 1) << "\" fill=\"" << kColours[ci % 10] << "\"><title>" << contenders[ci]
           << ": " << r << "</title></rect>\n";
     }
     out << "<text transform=\"translate(" << x0 + 4 << "," << topMargin + plotHeight + 12

@@ -17,15 +17,26 @@ class Report {
 
   void Add(const std::string& workload, const std::string& contender, double value, const std::string& unit);
 
+  // Which way the ratio column reads. By default it says how the contender does
+  // against the baseline; with `BaselineAhead` it says how far the baseline is
+  // ahead of each contender (a report whose baseline is the library itself then
+  // reads "above 1 = the library ahead").
+  enum class RatioDirection { ContenderAgainstBaseline, BaselineAhead };
+  void SetRatioDirection(RatioDirection direction) { direction_ = direction; }
+  // A logarithmic chart, for ratios that span orders of magnitude: bars grow up
+  // or down from the 1.0 line.
+  void SetLogScaleChart(bool on) { logScaleChart_ = on; }
+
   // Prints "workload | contender | value unit | ratio" rows; the ratio is
   // value / baseline value for throughputs and baseline / value otherwise, so
-  // above 1 always means better than the baseline.
+  // above 1 always means better than the baseline (inverted by BaselineAhead).
   void PrintTable(const std::string& baselineContender) const;
   bool WriteMarkdown(const std::string& path, const std::string& baselineContender) const;
   // One group of bars per workload, one bar per contender, heights as ratios to the baseline.
   bool WriteSvg(const std::string& path, const std::string& baselineContender) const;
 
-  // The ratio of `contender` to the baseline on `workload`, 0 when either is missing.
+  // The ratio of `contender` to the baseline on `workload` in the report's
+  // direction, 0 when either is missing.
   double Ratio(const std::string& workload, const std::string& contender, const std::string& baseline) const;
 
  private:
@@ -37,9 +48,13 @@ class Report {
   std::vector<std::string> Contenders() const;
   const Entry* Find(const std::string& workload, const std::string& contender) const;
   std::string MarkdownText(const std::string& baselineContender) const;
+  // What a ratio above 1 means, for the headings.
+  std::string AboveOneMeans(const std::string& baselineContender) const;
 
   std::string title_;
   bool higherIsBetter_;
+  RatioDirection direction_ = RatioDirection::ContenderAgainstBaseline;
+  bool logScaleChart_ = false;
   std::vector<Entry> entries_;
 };
 

@@ -5,7 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
-namespace omi_internal {
+namespace zmx {
+namespace containers_internal {
 
 const unsigned char kBitsInByte[256] = {
 #define ZMX_B2(n) n, n + 1, n + 1, n + 2
@@ -95,4 +96,5 @@ unsigned int CountPageBitsByTable(const unsigned int* page, unsigned int words) 
   return total;
 }
 
-}  // namespace omi_internal
+}  // namespace containers_internal
+}  // namespace zmx

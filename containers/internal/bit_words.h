@@ -5,7 +5,8 @@
 
 #include "core/export.h"
 
-namespace omi_internal {
+namespace zmx {
+namespace containers_internal {
 
 // Bits set per byte value; the reference count that the faster paths must match.
 ZMXUTI_INTERNAL_API extern const unsigned char kBitsInByte[256];
@@ -27,6 +28,7 @@ ZMXUTI_INTERNAL_API unsigned int XorPage(unsigned int* target, const unsigned in
 // Table-driven count of a page, for comparing the fast kernels against.
 ZMXUTI_INTERNAL_API unsigned int CountPageBitsByTable(const unsigned int* page, unsigned int words);
 
-}  // namespace omi_internal
+}  // namespace containers_internal
+}  // namespace zmx
 
 #endif  // ZMXUTI_CONTAINERS_INTERNAL_BIT_WORDS_H

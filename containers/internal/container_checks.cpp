@@ -3,7 +3,8 @@
 
 #include "containers/internal/bit_words.h"
 
-namespace omi_internal {
+namespace zmx {
+namespace containers_internal {
 
 namespace {
 std::string Fault(const char* what, unsigned long long a, unsigned long long b) {
@@ -91,4 +92,5 @@ std::size_t ContainerChecks::BytesHeld(const omi_UintTable<int>& table) { return
 std::size_t ContainerChecks::BytesHeld(const omi_UintTable<double>& table) { return BytesOfTable(table); }
 std::size_t ContainerChecks::BytesHeld(const omi_UintTable<void*>& table) { return BytesOfTable(table); }
 
-}  // namespace omi_internal
+}  // namespace containers_internal
+}  // namespace zmx

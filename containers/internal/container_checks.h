@@ -11,7 +11,8 @@
 #include "containers/uint_table.h"
 #include "core/export.h"
 
-namespace omi_internal {
+namespace zmx {
+namespace containers_internal {
 
 struct ZMXUTI_INTERNAL_API ContainerChecks {
   // Each returns an empty string when the structure is sound, otherwise a
@@ -45,6 +46,7 @@ struct ZMXUTI_INTERNAL_API ContainerChecks {
   static std::size_t BytesOfTable(const omi_UintTable<T>& table);
 };
 
-}  // namespace omi_internal
+}  // namespace containers_internal
+}  // namespace zmx
 
 #endif  // ZMXUTI_CONTAINERS_INTERNAL_CONTAINER_CHECKS_H

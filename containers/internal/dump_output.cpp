@@ -3,7 +3,8 @@
 
 #include "streams/standard_streams.h"
 
-namespace omi_internal {
+namespace zmx {
+namespace containers_internal {
 
 namespace {
 void WriteTo(aio_ostream& stream, const char* text, std::size_t length, bool flush) {
@@ -23,4 +24,5 @@ void WriteStandardOutput(const char* text, std::size_t length, bool flush) { Wri
 
 void WriteStandardError(const char* text, std::size_t length, bool flush) { WriteTo(aio_cerr, text, length, flush); }
 
-}  // namespace omi_internal
+}  // namespace containers_internal
+}  // namespace zmx

@@ -4,12 +4,14 @@
 
 #include <cstddef>
 
-namespace omi_internal {
+namespace zmx {
+namespace containers_internal {
 
 // Writes text to aio_cout / aio_cerr; flush pushes the stream's buffer out.
 void WriteStandardOutput(const char* text, std::size_t length, bool flush);
 void WriteStandardError(const char* text, std::size_t length, bool flush);
 
-}  // namespace omi_internal
+}  // namespace containers_internal
+}  // namespace zmx
 
 #endif  // ZMXUTI_CONTAINERS_INTERNAL_DUMP_OUTPUT_H

@@ -15,7 +15,7 @@
 namespace {
 
 using Model = std::set<unsigned int>;
-using omi_internal::ContainerChecks;
+using zmx::containers_internal::ContainerChecks;
 
 // Members from three sources: anywhere in 32 bits, a few dense clusters, and
 // the edges of pages and of the range.

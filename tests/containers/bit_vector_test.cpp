@@ -15,7 +15,7 @@
 
 namespace {
 
-using omi_internal::ContainerChecks;
+using zmx::containers_internal::ContainerChecks;
 
 unsigned int PagesPresent(const omi_BlkBitVect& v) {
   unsigned int pages = 0;
@@ -200,20 +200,20 @@ TEST(BitVector, FastCountsMatchTheByteTable) {
     for (auto& w : page) w = (round % 3 == 0) ? (rng() & rng()) : rng();
     for (auto& w : other) w = rng() | rng();
     if (round % 5 == 0) page[rng() % 256] = 0xFFFFFFFFu;
-    EXPECT_EQ(omi_internal::CountPageBits(page.data(), 256), omi_internal::CountPageBitsByTable(page.data(), 256));
+    EXPECT_EQ(zmx::containers_internal::CountPageBits(page.data(), 256), zmx::containers_internal::CountPageBitsByTable(page.data(), 256));
     auto check = [&](unsigned int (*op)(unsigned int*, const unsigned int*, unsigned int), auto reference) {
       scratch = page;
       const unsigned int counted = op(scratch.data(), other.data(), 255);  // odd length too
       for (unsigned int i = 0; i < 255; ++i) ASSERT_EQ(scratch[i], reference(page[i], other[i]));
-      EXPECT_EQ(counted, omi_internal::CountPageBitsByTable(scratch.data(), 255));
+      EXPECT_EQ(counted, zmx::containers_internal::CountPageBitsByTable(scratch.data(), 255));
     };
-    check(omi_internal::AndPage, [](unsigned int a, unsigned int b) { return a & b; });
-    check(omi_internal::OrPage, [](unsigned int a, unsigned int b) { return a | b; });
-    check(omi_internal::AndNotPage, [](unsigned int a, unsigned int b) { return a & ~b; });
-    check(omi_internal::XorPage, [](unsigned int a, unsigned int b) { return a ^ b; });
+    check(zmx::containers_internal::AndPage, [](unsigned int a, unsigned int b) { return a & b; });
+    check(zmx::containers_internal::OrPage, [](unsigned int a, unsigned int b) { return a | b; });
+    check(zmx::containers_internal::AndNotPage, [](unsigned int a, unsigned int b) { return a & ~b; });
+    check(zmx::containers_internal::XorPage, [](unsigned int a, unsigned int b) { return a ^ b; });
   }
-  EXPECT_EQ(omi_internal::CountBitsByTable(0xFFFFFFFFu), 32u);
-  EXPECT_EQ(omi_internal::CountBitsByTable(0x80000001u), 2u);
+  EXPECT_EQ(zmx::containers_internal::CountBitsByTable(0xFFFFFFFFu), 32u);
+  EXPECT_EQ(zmx::containers_internal::CountBitsByTable(0x80000001u), 2u);
 }
 
 std::string RunDump(const std::string& scenario) {

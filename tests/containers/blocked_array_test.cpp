@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <csignal>
 #include <random>
 #include <set>
 #include <string>
@@ -106,6 +107,14 @@ TEST(BlockedArray, DumpPrintsPresentPagesByteForByte) {
                                zeros8 + "\n" + "Block indices= 32 - 47\n" + zeros8 +
                                "ffffffff|00000000|00000000|00000000|00000000|00000000|00000000|00000000\n" + "\n";
   EXPECT_EQ(result.out, expected);
+}
+
+TEST(BlockedArray, AnIndexNeedingMoreThanThirtyTwoBitsOfDirectoryAborts) {
+  const auto result = zmx_test::RunProbe("container_dump_probe", "directory_beyond_32_bits");
+  EXPECT_FALSE(result.exited) << zmx_test::Describe(result);
+  EXPECT_EQ(result.signal, SIGABRT);
+  EXPECT_EQ(result.err, "omi_BlockedArray: page 4294967295 needs a directory of more than 4294967295 slots\n");
+  EXPECT_EQ(result.out, "");
 }
 
 std::vector<int> Walk(const omi_Set& set) {

@@ -15,7 +15,7 @@
 
 namespace {
 
-using omi_internal::ContainerChecks;
+using zmx::containers_internal::ContainerChecks;
 
 class KeySource {
  public:

@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -14,7 +15,7 @@
 
 namespace {
 
-using omi_internal::ContainerChecks;
+using zmx::containers_internal::ContainerChecks;
 
 constexpr unsigned int kBlock = 1u << 20;  // keys per block in the default geometry
 
@@ -89,6 +90,17 @@ TEST(UintTable, OutOfRangeGeometryIsBroughtIntoRange) {
   for (unsigned int k = 0; k < 5000; k += 3) tooMany.Insert(k * 977u, static_cast<int>(k));
   for (unsigned int k = 0; k < 5000; k += 3) ASSERT_EQ(*tooMany.Find(k * 977u), static_cast<int>(k));
   EXPECT_EQ(ContainerChecks::CheckTable(tooMany), "");
+  // A huge second number must not wrap a + b past the limit: capped to 19 here,
+  // so pages hold 2 values and keys 0 and 2 land in different pages.
+  testing::internal::CaptureStderr();
+  omi_UintTable<int> hugeB(12, UINT_MAX, 4);
+  const std::string message = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(message, "omi_UintTable: geometry (12, 4294967295) out of range, using (12, 19)\n");
+  hugeB.Insert(0, 1);
+  hugeB.Insert(2, 2);
+  ASSERT_NE(hugeB.BlockAt(0), nullptr);
+  EXPECT_TRUE(hugeB.BlockAt(0)->PagePresent(1));
+  EXPECT_EQ(*hugeB.Find(2), 2);
 }
 
 std::vector<unsigned int> PlainWalk(const omi_UintTable<int>& t, bool backward) {

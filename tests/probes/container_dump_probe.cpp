@@ -1,5 +1,5 @@
 // Fresh-process scenarios for the container dumps, so that tests can read what
-// they print on the standard streams byte for byte.
+// they print on the standard streams byte for byte, and for the containers' aborts.
 #include <cstdio>
 #include <cstring>
 
@@ -40,6 +40,14 @@ void BlockedArrayPages() {
   a.Dump();
 }
 
+// Page shift 0 and increment 3: index 0xFFFFFFFF is page 0xFFFFFFFF, whose
+// directory would need 2^32 + 2 slots.
+void DirectoryBeyondThirtyTwoBits() {
+  omi_BlockedArray<int> a(3, 0);
+  a.SetCell(0xFFFFFFFFu, 1);
+  std::printf("not reached\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -56,6 +64,8 @@ int main(int argc, char** argv) {
     ListOfHighBits();
   } else if (std::strcmp(scenario, "blocked_array_pages") == 0) {
     BlockedArrayPages();
+  } else if (std::strcmp(scenario, "directory_beyond_32_bits") == 0) {
+    DirectoryBeyondThirtyTwoBits();
   } else {
     std::fprintf(stderr, "unknown scenario %s\n", scenario);
     return 2;
