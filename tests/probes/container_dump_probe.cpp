@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "probes/probe_main.h"
 
 namespace {
 
@@ -50,26 +51,17 @@ void DirectoryBeyondThirtyTwoBits() {
 
 }  // namespace
 
+const zmx_probe::Scenario kScenarios[] = {
+    {"list_of_ten", ListOfTen},
+    {"empty_list", EmptyList},
+    {"list_of_sixteen_and_large", ListOfSixteenAndLarge},
+    {"list_of_high_bits", ListOfHighBits},
+    {"blocked_array_pages", BlockedArrayPages},
+    {"directory_beyond_32_bits", DirectoryBeyondThirtyTwoBits},
+};
+
 int main(int argc, char** argv) {
   int depth = 0;
   UTI_CoreUtils_initialize(depth);
-  const char* scenario = argc > 1 ? argv[1] : "";
-  if (std::strcmp(scenario, "list_of_ten") == 0) {
-    ListOfTen();
-  } else if (std::strcmp(scenario, "empty_list") == 0) {
-    EmptyList();
-  } else if (std::strcmp(scenario, "list_of_sixteen_and_large") == 0) {
-    ListOfSixteenAndLarge();
-  } else if (std::strcmp(scenario, "list_of_high_bits") == 0) {
-    ListOfHighBits();
-  } else if (std::strcmp(scenario, "blocked_array_pages") == 0) {
-    BlockedArrayPages();
-  } else if (std::strcmp(scenario, "directory_beyond_32_bits") == 0) {
-    DirectoryBeyondThirtyTwoBits();
-  } else {
-    std::fprintf(stderr, "unknown scenario %s\n", scenario);
-    return 2;
-  }
-  UTI_CoreUtils_finalize(depth);
-  return 0;
+  return zmx_probe::Dispatch(argc, argv, kScenarios);
 }

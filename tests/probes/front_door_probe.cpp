@@ -9,6 +9,7 @@
 #include <new>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "probes/probe_main.h"
 #include "mem/internal/alloc_table.h"
 #include "mem/internal/small_object_hooks.h"
 #include "mem/internal/tracker_hooks.h"
@@ -344,39 +345,24 @@ void TbMallocEachCall() {
   mem_Free(a);
 }
 
-struct Scenario {
-  const char* name;
-  void (*run)(int argc, char** argv);
-};
-
-const Scenario kScenarios[] = {
-    {"choice", [](int, char**) { Choice(); }},
-    {"new_before_init", [](int, char**) { NewBeforeInit(); }},
-    {"malloc_before_init", [](int, char**) { MallocBeforeInit(); }},
-    {"size_check", [](int argc, char** argv) {
-       if (argc > 3) SizeCheck(argv[2], std::strtoull(argv[3], nullptr, 10));
+const zmx_probe::Scenario kScenarios[] = {
+    {"choice", Choice},
+    {"new_before_init", NewBeforeInit},
+    {"malloc_before_init", MallocBeforeInit},
+    {"size_check", [] {
+       if (zmx_probe::ArgCount() > 3) SizeCheck(zmx_probe::Arg(2), std::strtoull(zmx_probe::Arg(3), nullptr, 10));
      }},
-    {"routing", [](int, char**) { Routing(); }},
-    {"new_handler_retry", [](int, char**) { NewHandlerRetry(); }},
-    {"tracking", [](int, char**) { Tracking(); }},
-    {"tracking_small", [](int, char**) { TrackingSmall(); }},
-    {"tracking_caches", [](int, char**) { TrackingCaches(); }},
-    {"size_check_once", [](int argc, char** argv) {
-       if (argc > 2) SizeCheckOnce(argv[2]);
+    {"routing", Routing},
+    {"new_handler_retry", NewHandlerRetry},
+    {"tracking", Tracking},
+    {"tracking_small", TrackingSmall},
+    {"tracking_caches", TrackingCaches},
+    {"size_check_once", [] {
+       if (zmx_probe::ArgCount() > 2) SizeCheckOnce(zmx_probe::Arg(2));
      }},
-    {"tbmalloc_each_call", [](int, char**) { TbMallocEachCall(); }},
+    {"tbmalloc_each_call", TbMallocEachCall},
 };
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc < 2) return 2;
-  for (const Scenario& s : kScenarios) {
-    if (std::strcmp(argv[1], s.name) == 0) {
-      s.run(argc, argv);
-      return 0;
-    }
-  }
-  std::fprintf(stderr, "unknown scenario %s\n", argv[1]);
-  return 2;
-}
+int main(int argc, char** argv) { return zmx_probe::Dispatch(argc, argv, kScenarios); }

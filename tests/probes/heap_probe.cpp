@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "probes/probe_main.h"
 
 namespace {
 
@@ -271,12 +272,7 @@ void FreeBeforeAnyAllocation() {
   Show("survived", 1);
 }
 
-struct Scenario {
-  const char* name;
-  void (*run)();
-};
-
-const Scenario kScenarios[] = {
+const zmx_probe::Scenario kScenarios[] = {
     {"limit_boundary", LimitBoundary}, {"limit_lag", LimitLag},
     {"limit_recovery", LimitRecovery}, {"front_door_limit", FrontDoorLimit},
     {"first_fragmentation", FirstFragmentation}, {"double_free", DoubleFree}, {"first_request_large", FirstRequestLarge}, {"mapped_growth_status", MappedGrowthStatus},
@@ -287,14 +283,4 @@ const Scenario kScenarios[] = {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc < 2) return 2;
-  for (const Scenario& s : kScenarios) {
-    if (std::strcmp(argv[1], s.name) == 0) {
-      s.run();
-      return 0;
-    }
-  }
-  std::fprintf(stderr, "unknown scenario %s\n", argv[1]);
-  return 2;
-}
+int main(int argc, char** argv) { return zmx_probe::Dispatch(argc, argv, kScenarios); }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "probes/probe_main.h"
 #include "strings/internal/dictionary.h"
 
 namespace {
@@ -114,12 +115,7 @@ void French() {
   std::printf("%s\n", down.Result().CStr());
 }
 
-struct Scenario {
-  const char* name;
-  void (*run)();
-};
-
-const Scenario kScenarios[] = {
+const zmx_probe::Scenario kScenarios[] = {
     {"natural_order", NaturalOrder},
     {"setlocale", SetLocale},
     {"load", Load},
@@ -133,16 +129,9 @@ const Scenario kScenarios[] = {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) return 2;
   g_argc = argc;
   g_argv = argv;
-  for (const Scenario& s : kScenarios) {
-    if (std::strcmp(argv[1], s.name) == 0) {
-      if (std::strcmp(s.name, "natural_order") != 0) LibraryUp();
-      s.run();
-      return 0;
-    }
-  }
-  std::fprintf(stderr, "unknown scenario %s\n", argv[1]);
-  return 2;
+  // Natural order is decided at start-up, so that scenario brings the library up itself.
+  if (argc > 1 && std::strcmp(argv[1], "natural_order") != 0) LibraryUp();
+  return zmx_probe::Dispatch(argc, argv, kScenarios);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "probes/probe_main.h"
 
 namespace {
 
@@ -92,12 +93,7 @@ void DebugPopup() {
   std::printf("restarted %d\n", omi_DebugPopupsWanted() ? 1 : 0);
 }
 
-struct Scenario {
-  const char* name;
-  void (*run)();
-};
-
-const Scenario kScenarios[] = {
+const zmx_probe::Scenario kScenarios[] = {
     {"twice_up_twice_down", TwiceUpTwiceDown},
     {"memory_first", MemoryFirst},
     {"finalize_before_initialize", FinalizeBeforeInitialize},
@@ -107,14 +103,4 @@ const Scenario kScenarios[] = {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc < 2) return 2;
-  for (const Scenario& s : kScenarios) {
-    if (std::strcmp(argv[1], s.name) == 0) {
-      s.run();
-      return 0;
-    }
-  }
-  std::fprintf(stderr, "unknown scenario %s\n", argv[1]);
-  return 2;
-}
+int main(int argc, char** argv) { return zmx_probe::Dispatch(argc, argv, kScenarios); }

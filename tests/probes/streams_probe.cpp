@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "probes/probe_main.h"
 
 namespace {
 
@@ -66,12 +67,7 @@ void Destruction() {
   g_checkAtExit = true;
 }
 
-struct Scenario {
-  const char* name;
-  void (*run)();
-};
-
-const Scenario kScenarios[] = {
+const zmx_probe::Scenario kScenarios[] = {
     {"early", Early},
     {"from_library", FromLibrary},
     {"destruction", Destruction},
@@ -80,14 +76,6 @@ const Scenario kScenarios[] = {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) return 2;
   if (argc > 2) g_inputPath = argv[2];
-  for (const Scenario& s : kScenarios) {
-    if (std::strcmp(argv[1], s.name) == 0) {
-      s.run();
-      return 0;
-    }
-  }
-  std::fprintf(stderr, "unknown scenario %s\n", argv[1]);
-  return 2;
+  return zmx_probe::Dispatch(argc, argv, kScenarios);
 }

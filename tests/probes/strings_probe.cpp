@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "probes/probe_main.h"
 
 namespace {
 
@@ -102,25 +103,10 @@ void LengthLimit() {
   std::printf("not reached\n");
 }
 
-struct Scenario {
-  const char* name;
-  void (*run)();
-};
-
-const Scenario kScenarios[] = {
+const zmx_probe::Scenario kScenarios[] = {
     {"mixed", Mixed}, {"edits", Edits}, {"no_inline", NoInline}, {"nested", Nested}, {"length_limit", LengthLimit},
 };
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc < 2) return 2;
-  for (const Scenario& s : kScenarios) {
-    if (std::strcmp(argv[1], s.name) == 0) {
-      s.run();
-      return 0;
-    }
-  }
-  std::fprintf(stderr, "unknown scenario %s\n", argv[1]);
-  return 2;
-}
+int main(int argc, char** argv) { return zmx_probe::Dispatch(argc, argv, kScenarios); }
