@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/export.h"
+
 namespace zmx {
 namespace platform {
 
@@ -24,16 +26,25 @@ bool UnmapMemory(void* address, std::size_t size);
 
 // ---- waiting on a 32-bit word ----
 // Sleeps while *word == expected (spurious returns allowed).
-void WaitOnWord(std::atomic<std::uint32_t>* word, std::uint32_t expected);
-void WakeOneOnWord(std::atomic<std::uint32_t>* word);
+ZMXUTI_INTERNAL_API void WaitOnWord(std::atomic<std::uint32_t>* word, std::uint32_t expected);
+ZMXUTI_INTERNAL_API void WakeOneOnWord(std::atomic<std::uint32_t>* word);
+
+// A hint to the processor that this thread is busy-waiting.
+inline void CpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
 
 // ---- auto-reset event ----
 // Signal releases one waiter (or the next one to wait) and resets itself.
 struct Event;
-Event* CreateAutoResetEvent();  // null when the system refuses
-void CloseEvent(Event* event);
-void SignalEvent(Event* event);
-void WaitEvent(Event* event);
+ZMXUTI_INTERNAL_API Event* CreateAutoResetEvent();  // null when the system refuses
+ZMXUTI_INTERNAL_API void CloseEvent(Event* event);
+ZMXUTI_INTERNAL_API void SignalEvent(Event* event);
+ZMXUTI_INTERNAL_API void WaitEvent(Event* event);
 
 }  // namespace platform
 }  // namespace zmx

@@ -20,6 +20,10 @@ class CountingLock {
   CountingLock& operator=(const CountingLock&) = delete;
 
   void Acquire() {
+    // A busy lock is first watched for a while before this thread queues:
+    // critical sections are short, and a thread that queues is handed the
+    // lock in turn, which moves the heap's cache lines to it on every turn.
+    if (ZMX_UNLIKELY(counter_.load(std::memory_order_relaxed) != 0)) SpinWhileHeld();
     // The holder is the one that took the counter from 0 to 1; later arrivals queue on the event.
     if (ZMX_UNLIKELY(counter_.fetch_add(1, std::memory_order_acquire) + 1 >= 2)) WaitTurn();
   }
@@ -42,7 +46,12 @@ class CountingLock {
     platform::CloseEvent(mine);  // another thread installed its event first
     return expected;
   }
+  ZMX_NOINLINE void SpinWhileHeld() {
+    for (int i = 0; i < kSpinLimit && counter_.load(std::memory_order_relaxed) != 0; ++i) platform::CpuRelax();
+  }
   ZMX_NOINLINE void WaitTurn() { platform::WaitEvent(EnsureEvent()); }
+
+  static constexpr int kSpinLimit = 2000;
   ZMX_NOINLINE void HandOver() { platform::SignalEvent(EnsureEvent()); }
 
   std::atomic<std::int32_t> counter_{0};

@@ -82,8 +82,10 @@ class Heap {
   Segment* segments = nullptr;
   Chunk smallBins[kSmallBins] = {};  // list heads; only fd and bk are used
   TreeChunk* treeBins[kTreeBins] = {};
-  CountingLock lock;
-  unsigned long debugTick = 0;
+  // On a cache line of its own: threads queueing on the lock must not steal
+  // the lines that the holder works on.
+  alignas(64) CountingLock lock;
+  alignas(64) unsigned long debugTick = 0;
 
   // ---- bins (general_heap_bins.cpp and inline) ----
   void InsertSmall(Chunk* p, size_t s);

@@ -25,9 +25,18 @@ void WakeOneOnWord(std::atomic<std::uint32_t>* word) {
           nullptr, 0);
 }
 
+// The event's word: 0 reset, 1 signalled, 2 reset with a waiter that may be
+// asleep. A waiter spins a while before it sleeps, and a signal makes a system
+// call only when someone may be asleep, so a hand-over between two running
+// threads never enters the kernel.
 struct Event {
   std::atomic<std::uint32_t> state{0};
 };
+
+namespace {
+constexpr std::uint32_t kReset = 0, kSignalled = 1, kSleeper = 2;
+constexpr int kSpinLimit = 4000;
+}  // namespace
 
 Event* CreateAutoResetEvent() {
   // The runtime heap, not the library's: events back the library's own heap lock.
@@ -43,11 +52,28 @@ void CloseEvent(Event* event) {
 }
 
 void SignalEvent(Event* event) {
-  if (event->state.exchange(1, std::memory_order_release) == 0) WakeOneOnWord(&event->state);
+  if (event->state.exchange(kSignalled, std::memory_order_release) == kSleeper) WakeOneOnWord(&event->state);
 }
 
 void WaitEvent(Event* event) {
-  while (event->state.exchange(0, std::memory_order_acquire) == 0) WaitOnWord(&event->state, 0);
+  std::atomic<std::uint32_t>& state = event->state;
+  for (int i = 0; i < kSpinLimit; ++i) {
+    std::uint32_t expected = kSignalled;
+    if (state.load(std::memory_order_relaxed) == kSignalled &&
+        state.compare_exchange_weak(expected, kReset, std::memory_order_acquire))
+      return;
+    CpuRelax();
+  }
+  for (;;) {
+    std::uint32_t c = state.load(std::memory_order_relaxed);
+    if (c == kSignalled) {
+      // Others may still sleep: leave the word saying so, so the next signal wakes one.
+      if (state.compare_exchange_weak(c, kSleeper, std::memory_order_acquire)) return;
+      continue;
+    }
+    if (c == kReset && !state.compare_exchange_weak(c, kSleeper, std::memory_order_relaxed)) continue;
+    WaitOnWord(&state, kSleeper);
+  }
 }
 
 }  // namespace platform
