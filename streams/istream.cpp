@@ -8,91 +8,45 @@
 
 using zmx::streams_internal::BaseOf;
 
-void aio_istream::checkScan(int converted) {
-  if (!stream_ || converted == 0 || converted == EOF) failInput();
+template <class T, class Bits>
+T aio_istream::scanValue(const char* format) {
+  if (!stream_) {
+    failInput();
+    return T();
+  }
+  Bits bits = 0;
+  const int converted = std::fscanf(stream_, format, &bits);
+  if (converted == 0 || converted == EOF) failInput();
+  return static_cast<T>(bits);
 }
 
 int aio_istream::scan_int() {
   static const char* const kFormats[] = {"%d", "%o", "%x"};
-  int value = 0;
-  if (!stream_) {
-    failInput();
-    return value;
-  }
   const int base = BaseOf(flags_);
-  int converted;
-  if (base == 0) {
-    converted = std::fscanf(stream_, kFormats[0], &value);
-  } else {
-    unsigned int bits = 0;
-    converted = std::fscanf(stream_, kFormats[base], &bits);
-    value = static_cast<int>(bits);
-  }
-  checkScan(converted);
-  return value;
+  // Octal and hexadecimal read the unsigned pattern and keep its bits.
+  return base == 0 ? scanValue<int>(kFormats[0]) : scanValue<int, unsigned int>(kFormats[base]);
 }
 
 unsigned int aio_istream::scan_u_int() {
   static const char* const kFormats[] = {"%u", "%o", "%x"};
-  unsigned int value = 0;
-  if (!stream_) {
-    failInput();
-    return value;
-  }
-  checkScan(std::fscanf(stream_, kFormats[BaseOf(flags_)], &value));
-  return value;
+  return scanValue<unsigned int>(kFormats[BaseOf(flags_)]);
 }
 
 std::int64_t aio_istream::scan_int64() {
   static const char* const kFormats[] = {"%lld", "%llo", "%llx"};
-  long long value = 0;
-  if (!stream_) {
-    failInput();
-    return value;
-  }
   const int base = BaseOf(flags_);
-  int converted;
-  if (base == 0) {
-    converted = std::fscanf(stream_, kFormats[0], &value);
-  } else {
-    unsigned long long bits = 0;
-    converted = std::fscanf(stream_, kFormats[base], &bits);
-    value = static_cast<long long>(bits);
-  }
-  checkScan(converted);
-  return value;
+  return base == 0 ? scanValue<long long>(kFormats[0])
+                   : scanValue<long long, unsigned long long>(kFormats[base]);
 }
 
 std::uint64_t aio_istream::scan_u_int64() {
   static const char* const kFormats[] = {"%llu", "%llo", "%llx"};
-  unsigned long long value = 0;
-  if (!stream_) {
-    failInput();
-    return value;
-  }
-  checkScan(std::fscanf(stream_, kFormats[BaseOf(flags_)], &value));
-  return value;
+  return scanValue<unsigned long long>(kFormats[BaseOf(flags_)]);
 }
 
-double aio_istream::scan_double() {
-  double value = 0;
-  if (!stream_) {
-    failInput();
-    return value;
-  }
-  checkScan(std::fscanf(stream_, "%lg", &value));
-  return value;
-}
+double aio_istream::scan_double() { return scanValue<double>("%lg"); }
 
-float aio_istream::scan_float() {
-  float value = 0;
-  if (!stream_) {
-    failInput();
-    return value;
-  }
-  checkScan(std::fscanf(stream_, "%e", &value));
-  return value;
-}
+float aio_istream::scan_float() { return scanValue<float>("%e"); }
 
 char aio_istream::scan_char() {
   char c = 0;

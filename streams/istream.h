@@ -57,8 +57,10 @@ class ZMXUTI_API aio_istream : public aio_ios {
   aio_istream& adopt(int fd);
 
  private:
-  // Success rule of the fscanf-based members; runs the failure step otherwise.
-  void checkScan(int converted);
+  // One fscanf conversion read as Bits and returned as T (0 when nothing was
+  // converted); an unattached stream or no conversion runs the failure step.
+  template <class T, class Bits = T>
+  T scanValue(const char* format);
 };
 
 #endif  // ZMXUTI_STREAMS_ISTREAM_H
