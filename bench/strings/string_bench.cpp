@@ -11,6 +11,7 @@
 
 #include "ZMXUTI_CoreUtils.h"
 #include "bench_report.h"
+#include "tests/strings/test_string.h"
 
 namespace {
 
@@ -23,23 +24,7 @@ inline void Keep(const T& value) {
   asm volatile("" : : "r"(&value) : "memory");
 }
 
-class BenchString : public atr_StringBase {
- public:
-  BenchString() {}
-  explicit BenchString(const char* s) : atr_StringBase(s) {}
-  BenchString(const BenchString& other) : atr_StringBase(other) {}
-  BenchString& operator=(const BenchString& other) {
-    atr_StringBase::operator=(other);
-    return *this;
-  }
-  using atr_StringBase::append;
-  using atr_StringBase::CStr;
-  using atr_StringBase::Length;
-  using atr_StringBase::ToUpper;
-  void Clear() { atr_StringBase::operator=(static_cast<const char*>(nullptr)); }
-};
-
-__attribute__((noinline)) int TakeByValue(BenchString s) { return s.Length(); }
+__attribute__((noinline)) int TakeByValue(TestString s) { return s.Length(); }
 __attribute__((noinline)) int TakeByValue(std::string s) { return static_cast<int>(s.size()); }
 
 // Nanoseconds per operation: best of three timed rounds of `ops` operations.
@@ -57,7 +42,7 @@ double NanosPerOp(long ops, Body body) {
 
 struct Texts {
   std::string text;
-  BenchString handle;
+  TestString handle;
   explicit Texts(std::size_t n) : text(n, 'a'), handle(text.c_str()) {}
 };
 
@@ -68,7 +53,7 @@ void RunSize(zmx_bench::Report& report, const char* label, std::size_t n, long o
 
   report.Add("copy" + name, "atr_StringBase", NanosPerOp(ops, [&](long k) {
                for (long i = 0; i < k; ++i) {
-                 BenchString copy(t.handle);
+                 TestString copy(t.handle);
                  Keep(copy);
                }
              }), "ns/op");
@@ -93,7 +78,7 @@ void RunSize(zmx_bench::Report& report, const char* label, std::size_t n, long o
   // Copy, then edit the copy: the copy-on-write string pays its copy here.
   report.Add("copy + append" + name, "atr_StringBase", NanosPerOp(ops, [&](long k) {
                for (long i = 0; i < k; ++i) {
-                 BenchString copy(t.handle);
+                 TestString copy(t.handle);
                  copy.append(kSuffix, 7, 0, 7);
                  Keep(copy);
                }
@@ -108,7 +93,7 @@ void RunSize(zmx_bench::Report& report, const char* label, std::size_t n, long o
 
   report.Add("copy + upper case" + name, "atr_StringBase", NanosPerOp(ops, [&](long k) {
                for (long i = 0; i < k; ++i) {
-                 BenchString copy(t.handle);
+                 TestString copy(t.handle);
                  copy.ToUpper();
                  Keep(copy);
                }
@@ -128,7 +113,7 @@ void RunBuild(zmx_bench::Report& report, const char* label, int bytes, long ops)
   const std::string name = std::string("append 1 byte x") + std::to_string(bytes) + " " + label;
   report.Add(name, "atr_StringBase", NanosPerOp(ops, [&](long k) {
                for (long i = 0; i < k; ++i) {
-                 BenchString s;
+                 TestString s;
                  for (int b = 0; b < bytes; ++b) s.append("x", 1, 0, 1);
                  Keep(s);
                }

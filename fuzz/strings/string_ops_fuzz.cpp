@@ -9,46 +9,12 @@
 #include <string>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "tests/strings/test_string.h"
 
 namespace {
 
 // The library comes up before anything of the program allocates.
 ZMXUTI_EARLY_START_UP;
-
-class FuzzString : public atr_StringBase {
- public:
-  FuzzString() {}
-  FuzzString(const char* s, int n) : atr_StringBase(s, n) {}
-  FuzzString(const char* s, int n, Borrow tag) : atr_StringBase(s, n, tag) {}
-  FuzzString& operator=(const FuzzString& other) {
-    atr_StringBase::operator=(other);
-    return *this;
-  }
-  FuzzString& operator=(const char* s) {
-    atr_StringBase::operator=(s);
-    return *this;
-  }
-  using atr_StringBase::append;
-  using atr_StringBase::Capitalize;
-  using atr_StringBase::CStr;
-  using atr_StringBase::Erase;
-  using atr_StringBase::Find;
-  using atr_StringBase::insert;
-  using atr_StringBase::isolate;
-  using atr_StringBase::Length;
-  using atr_StringBase::LeftTrim;
-  using atr_StringBase::Rep;
-  using atr_StringBase::replace;
-  using atr_StringBase::Replace;
-  using atr_StringBase::Reverse;
-  using atr_StringBase::rfind;
-  using atr_StringBase::RightTrim;
-  using atr_StringBase::Substitute;
-  using atr_StringBase::ToLower;
-  using atr_StringBase::ToUpper;
-  using atr_StringBase::Trim;
-  using atr_StringBase::Uncapitalize;
-};
 
 [[noreturn]] void Mismatch(const char* what, int step) {
   std::fprintf(stderr, "string fuzz: %s differs at step %d\n", what, step);
@@ -84,13 +50,13 @@ std::string CPrefix(const std::string& s) { return std::string(s.c_str()); }
 bool InSet(const std::string& set, char c) { return c != '\0' && CPrefix(set).find(c) != std::string::npos; }
 
 struct Pool {
-  FuzzString h[kHandles];
+  TestString h[kHandles];
   std::string m[kHandles];
 };
 
 // Runs one operation on handle i and its model.
 void Step(Pool& p, int i, Input& in) {
-  FuzzString& h = p.h[i];
+  TestString& h = p.h[i];
   std::string& m = p.m[i];
   const int length = static_cast<int>(m.size());
   switch (in.Byte() % 16) {
@@ -243,13 +209,13 @@ void Step(Pool& p, int i, Input& in) {
         int offset, length;
       } kPieces[] = {{0, 13}, {0, 24}, {14, 10}, {13, 0}};
       const auto& piece = kPieces[in.Byte() % 4];
-      h = FuzzString(kBorrowed + piece.offset, piece.length, atr_StringBase::BORROW);
+      h = TestString(kBorrowed + piece.offset, piece.length, atr_StringBase::BORROW);
       m.assign(kBorrowed + piece.offset, static_cast<std::size_t>(piece.length));
       break;
     }
     default: {
       const std::string t = in.Text();
-      h = FuzzString(t.data(), static_cast<int>(t.size()));
+      h = TestString(t.data(), static_cast<int>(t.size()));
       m = t;
       break;
     }
@@ -258,7 +224,7 @@ void Step(Pool& p, int i, Input& in) {
 
 void Check(const Pool& p, const atr_StringRep* const before[], int target, int step) {
   for (int i = 0; i < kHandles; ++i) {
-    const FuzzString& h = p.h[i];
+    const TestString& h = p.h[i];
     const std::string& m = p.m[i];
     if (h.Length() != static_cast<int>(m.size())) Mismatch("length", step);
     if (std::memcmp(h.CStr(), m.data(), m.size()) != 0) Mismatch("text", step);

@@ -7,24 +7,9 @@
 
 #include "ZMXUTI_CoreUtils.h"
 #include "probes/probe_main.h"
+#include "tests/strings/test_string.h"
 
 namespace {
-
-// Publishes the members the scenarios need.
-class ProbeString : public atr_StringBase {
- public:
-  explicit ProbeString(const char* s) : atr_StringBase(s) {}
-  ProbeString(const char* s, int n, Borrow tag) : atr_StringBase(s, n, tag) {}
-  ProbeString(char* s, int n, Adopt tag) : atr_StringBase(s, n, tag) {}
-  ProbeString(const ProbeString& other) : atr_StringBase(other) {}
-  ProbeString& operator=(const char* s) {
-    atr_StringBase::operator=(s);
-    return *this;
-  }
-  using atr_StringBase::append;
-  using atr_StringBase::Erase;
-  using atr_StringBase::Replace;
-};
 
 void Up() {
   int depth = 0;
@@ -43,12 +28,12 @@ void Mixed() {
   {
     char borrowed[] = "abcd";
     const std::string longText(300, 'x');
-    ProbeString a("hello");
-    ProbeString b(a);
+    TestString a("hello");
+    TestString b(a);
     b.append(" world", 6, 0, 6);
     b.append("0123456789", 10, 0, 10);
-    ProbeString c(longText.c_str());
-    ProbeString d(borrowed, 4, atr_StringBase::BORROW);
+    TestString c(longText.c_str());
+    TestString d(borrowed, 4, atr_StringBase::BORROW);
   }
   Down();
 }
@@ -58,7 +43,7 @@ void Mixed() {
 void Edits() {
   Up();
   {
-    ProbeString e("abc");
+    TestString e("abc");
     e = "012345678901234567890123456789";
     e.Replace(0, 1, "ZZ", 2);
     e.Erase(0, 31);
@@ -72,12 +57,12 @@ void NoInline() {
   Up();
   char* adopted = static_cast<char*>(mem_Malloc(4));
   std::memcpy(adopted, "xyz", 4);
-  ProbeString survivor(adopted, 3, atr_StringBase::ADOPT);
+  TestString survivor(adopted, 3, atr_StringBase::ADOPT);
   {
     char borrowed[] = "abcd";
     const std::string longText(500, 'y');
-    ProbeString b(borrowed, 4, atr_StringBase::BORROW);
-    ProbeString l(longText.c_str());
+    TestString b(borrowed, 4, atr_StringBase::BORROW);
+    TestString l(longText.c_str());
   }
   Down();
 }
@@ -87,7 +72,7 @@ void Nested() {
   int depth = 0;
   Up();
   atr_initialize(depth);
-  { ProbeString s("counted"); }
+  { TestString s("counted"); }
   atr_finalize(depth);
   std::fprintf(stderr, "inner shut-down done\n");
   Down();
@@ -98,7 +83,7 @@ void Nested() {
 void LengthLimit() {
   Up();
   static const char tiny[] = "x";
-  ProbeString huge(tiny, 2147483646, atr_StringBase::BORROW);
+  TestString huge(tiny, 2147483646, atr_StringBase::BORROW);
   huge.append("y", 1, 0, 1);
   std::printf("not reached\n");
 }

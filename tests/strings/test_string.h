@@ -1,4 +1,5 @@
-// A test handle that publishes every protected member of atr_StringBase.
+// A handle that publishes every protected member of atr_StringBase, for the
+// strings tests and probe, the strings benchmark and the string fuzz target.
 #ifndef ZMXUTI_TESTS_STRINGS_TEST_STRING_H
 #define ZMXUTI_TESTS_STRINGS_TEST_STRING_H
 
