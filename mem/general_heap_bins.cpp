@@ -95,6 +95,33 @@ void Heap::UnlinkLarge(TreeChunk* x) {
   }
 }
 
+namespace {
+
+// Makes t the candidate v when it leaves a smaller remainder than rsize; a
+// conditional move, not a branch.
+inline void KeepCloser(TreeChunk* t, size_t nb, TreeChunk*& v, size_t& rsize) {
+  const size_t trem = ChunkSize(t) - nb;
+  const bool closer = trem < rsize;
+  v = closer ? t : v;
+  rsize = closer ? trem : rsize;
+}
+
+}  // namespace
+
+__attribute__((always_inline)) inline Chunk* Heap::CarveTreeChunk(TreeChunk* v, size_t nb, size_t rsize) {
+  Require(OkAddress(v), "tree chunk outside the heap");
+  Chunk* p = AsChunk(v);
+  UnlinkLarge(v);
+  if (rsize < kMinChunk) {
+    SetInuseAndPinuse(p, rsize + nb);
+    return nullptr;
+  }
+  Chunk* r = ChunkAt(p, nb);
+  SetSizeAndPinuseOfInuseChunk(p, nb);
+  SetSizeAndPinuseOfFreeChunk(r, rsize);
+  return r;
+}
+
 // A small request that no small bin can serve: the smallest tree chunk, with
 // the remainder becoming the designated victim.
 void* Heap::TreeMallocSmall(size_t nb) {
@@ -102,23 +129,10 @@ void* Heap::TreeMallocSmall(size_t nb) {
   TreeChunk* v = t;
   size_t rsize = ChunkSize(t) - nb;
   while ((t = LeftmostChild(t)) != nullptr) {
-    const size_t trem = ChunkSize(t) - nb;
-    const bool closer = trem < rsize;
-    v = closer ? t : v;
-    rsize = closer ? trem : rsize;
+    KeepCloser(t, nb, v, rsize);
   }
-  Require(OkAddress(v), "tree chunk outside the heap");
-  Chunk* p = AsChunk(v);
-  UnlinkLarge(v);
-  if (rsize < kMinChunk) {
-    SetInuseAndPinuse(p, rsize + nb);
-  } else {
-    Chunk* r = ChunkAt(p, nb);
-    SetSizeAndPinuseOfInuseChunk(p, nb);
-    SetSizeAndPinuseOfFreeChunk(r, rsize);
-    ReplaceDv(r, rsize);
-  }
-  return ToMem(p);
+  if (Chunk* r = CarveTreeChunk(v, nb, rsize)) ReplaceDv(r, rsize);
+  return ToMem(AsChunk(v));
 }
 
 // Best fit for a large request: the closest chunk of its own bin, else the
@@ -134,10 +148,7 @@ void* Heap::TreeMallocLarge(size_t nb) {
     size_t sizeBits = nb << TreeLeftShift(idx);
     TreeChunk* rst = nullptr;  // deepest untaken right subtree
     for (;;) {
-      const size_t trem = ChunkSize(t) - nb;
-      const bool closer = trem < rsize;
-      v = closer ? t : v;
-      rsize = closer ? trem : rsize;
+      KeepCloser(t, nb, v, rsize);
       if (ZMX_UNLIKELY(rsize == 0)) break;  // an exact fit ends the search
       TreeChunk* rt = t->child[1];
       t = t->child[(sizeBits >> 63) & 1];
@@ -156,25 +167,12 @@ void* Heap::TreeMallocLarge(size_t nb) {
     if (leftBits != 0) t = treeBins[LowestBitIndex(leftBits)];
   }
   while (t != nullptr) {
-    const size_t trem = ChunkSize(t) - nb;
-    const bool closer = trem < rsize;
-    v = closer ? t : v;
-    rsize = closer ? trem : rsize;
+    KeepCloser(t, nb, v, rsize);
     t = LeftmostChild(t);
   }
   if (v == nullptr || rsize >= dvSize - nb) return nullptr;
-  Require(OkAddress(v), "tree chunk outside the heap");
-  Chunk* p = AsChunk(v);
-  UnlinkLarge(v);
-  if (rsize < kMinChunk) {
-    SetInuseAndPinuse(p, rsize + nb);
-  } else {
-    Chunk* r = ChunkAt(p, nb);
-    SetSizeAndPinuseOfInuseChunk(p, nb);
-    SetSizeAndPinuseOfFreeChunk(r, rsize);
-    InsertChunk(r, rsize);
-  }
-  return ToMem(p);
+  if (Chunk* r = CarveTreeChunk(v, nb, rsize)) InsertChunk(r, rsize);
+  return ToMem(AsChunk(v));
 }
 
 }  // namespace heap

@@ -22,6 +22,16 @@ struct LibraryUp {
   }
 };
 LibraryUp g_libraryUp __attribute__((init_priority(101)));
+
+// Runs one half of the workloads, prints its table and writes <out>/<stem>.md and .svg.
+void RunAndPublish(const char* what, void (*run)(zmx_bench::Report&, bool), zmx_bench::Report& report, bool quick,
+                   const char* baseline, const std::string& out, const char* stem) {
+  std::fprintf(stderr, "%s...\n", what);
+  run(report, quick);
+  report.PrintTable(baseline);
+  report.WriteMarkdown(out + "/" + stem + ".md", baseline);
+  report.WriteSvg(out + "/" + stem + ".svg", baseline);
+}
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -50,18 +60,12 @@ int main(int argc, char** argv) {
     report->SetLogScaleChart(true);
   }
   if (only != "tables") {
-    std::fprintf(stderr, "bit vectors...\n");
-    zmx_bench_containers::RunBitVectorBench(bits, quick);
-    bits.PrintTable("omi_BlkBitVect");
-    bits.WriteMarkdown(out + "/bench_containers_bits.md", "omi_BlkBitVect");
-    bits.WriteSvg(out + "/bench_containers_bits.svg", "omi_BlkBitVect");
+    RunAndPublish("bit vectors", zmx_bench_containers::RunBitVectorBench, bits, quick, "omi_BlkBitVect", out,
+                  "bench_containers_bits");
   }
   if (only != "bits") {
-    std::fprintf(stderr, "tables...\n");
-    zmx_bench_containers::RunTableBench(tables, quick);
-    tables.PrintTable("omi_UintTable");
-    tables.WriteMarkdown(out + "/bench_containers_tables.md", "omi_UintTable");
-    tables.WriteSvg(out + "/bench_containers_tables.svg", "omi_UintTable");
+    RunAndPublish("tables", zmx_bench_containers::RunTableBench, tables, quick, "omi_UintTable", out,
+                  "bench_containers_tables");
   }
   std::printf("\nwritten: %s/bench_containers_{bits,tables}.{md,svg}\n", out.c_str());
   return 0;

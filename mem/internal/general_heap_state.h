@@ -105,6 +105,10 @@ class Heap {
       UnlinkLarge(AsTree(p));
   }
   void ReplaceDv(Chunk* r, size_t s);
+  // Unlinks tree chunk v and marks its first nb bytes in use; returns the free
+  // remainder of rsize bytes for the caller to place, or nullptr when all of v
+  // went to the request.
+  Chunk* CarveTreeChunk(TreeChunk* v, size_t nb, size_t rsize);  // general_heap_bins.cpp only
   void* TreeMallocSmall(size_t nb);
   void* TreeMallocLarge(size_t nb);
 
