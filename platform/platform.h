@@ -1,5 +1,5 @@
 // The library's one contract with the operating system: virtual memory,
-// address waits and auto-reset events. Each OS implements it in its own folder
+// address waits, auto-reset events and the thread's locale. Each OS implements it in its own folder
 // (platform/linux/ here); nothing outside platform/ calls the OS directly.
 #ifndef ZMXUTI_PLATFORM_PLATFORM_H
 #define ZMXUTI_PLATFORM_PLATFORM_H
@@ -45,6 +45,11 @@ ZMXUTI_INTERNAL_API Event* CreateAutoResetEvent();  // null when the system refu
 ZMXUTI_INTERNAL_API void CloseEvent(Event* event);
 ZMXUTI_INTERNAL_API void SignalEvent(Event* event);
 ZMXUTI_INTERNAL_API void WaitEvent(Event* event);
+
+// ---- runtime locale ----
+// Whether the calling thread runs under the process-wide locale (the one
+// setlocale sets) rather than a locale of its own.
+bool ThreadUsesGlobalLocale();
 
 }  // namespace platform
 }  // namespace zmx

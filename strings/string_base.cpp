@@ -9,7 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "mem/allocation.h"
+#include "strings/internal/locale_traits.h"
 #include "strings/internal/number_text.h"
 #include "strings/internal/string_stats.h"
 
@@ -72,18 +77,30 @@ struct ByteSet {
   bool member[256];
 };
 
-// Walks the characters of the current runtime locale: the length of the
-// character at text is asked of mblen (at most 4 bytes, never past the end),
-// and an invalid sequence (-1) or a NUL byte counts as one byte. mblen is
-// slow, so it is skipped where its answer is known: in single-byte locales
-// every byte is one character, and in stateless multi-byte encodings (UTF-8
-// and the other ASCII-compatible ones) so is every byte below 0x80.
-class CharacterWalker {
- public:
-  CharacterWalker() : m_singleByte(MB_CUR_MAX == 1), m_stateless(std::mblen(nullptr, 0) == 0) {}
+// How case operations measure characters and classify bytes in the current
+// runtime locale. A character's length is asked of mblen (at most 4 bytes,
+// never past the end, from the initial shift state), and an invalid sequence
+// (-1) or a NUL byte counts as one byte; mblen is skipped where its answer is
+// known: in single-byte locales every byte is one character, and in stateless
+// multi-byte encodings (UTF-8 and the other ASCII-compatible ones) so is every
+// byte below 0x80. A byte's case comes from islower / isupper, or from the
+// cached table of the locale for long texts, where reading 16 plain ASCII
+// bytes at a time pays for the cache lookup.
+struct CharacterRules {
+  bool singleByte;
+  bool stateless;
+  bool blocks;                    // below 0x80 exactly 'a'..'z' are lower and 'A'..'Z' upper case
+  const unsigned char* caseBits;  // null: ask islower / isupper
+
+  static CharacterRules FromRuntime() { return {MB_CUR_MAX == 1, std::mblen(nullptr, 0) == 0, false, nullptr}; }
+  static CharacterRules FromCache() {
+    const zmx::strings_internal::LocaleTraits& t = zmx::strings_internal::CurrentLocaleTraits();
+    if (!t.singleByte) std::mblen(nullptr, 0);
+    return {t.singleByte, t.stateless, (t.singleByte || t.stateless) && t.asciiLetters, t.caseBits};
+  }
 
   int Bytes(const char* text, int remaining) const {
-    if (m_singleByte || (m_stateless && static_cast<unsigned char>(*text) < 0x80)) return 1;
+    if (singleByte || (stateless && static_cast<unsigned char>(*text) < 0x80)) return 1;
     const int k = std::mblen(text, static_cast<std::size_t>(std::min(4, remaining)));
     if (k <= 0) {
       std::mblen(nullptr, 0);  // an invalid sequence leaves the shift state undefined
@@ -91,11 +108,16 @@ class CharacterWalker {
     }
     return k;
   }
-
- private:
-  bool m_singleByte;
-  bool m_stateless;
+  bool IsLower(unsigned char c) const {
+    return caseBits != nullptr ? (caseBits[c] & zmx::strings_internal::LocaleTraits::kLower) != 0 : std::islower(c) != 0;
+  }
+  bool IsUpper(unsigned char c) const {
+    return caseBits != nullptr ? (caseBits[c] & zmx::strings_internal::LocaleTraits::kUpper) != 0 : std::isupper(c) != 0;
+  }
 };
+
+// Texts from this length on are walked with the cached locale table.
+const int kCachedRulesFrom = 32;
 
 // A copy of source bytes that lie inside the text being edited, so that moving
 // or freeing that text cannot pull them away.
@@ -137,6 +159,75 @@ void ReleaseStorage(atr_StringRep* rep, char* text) {
   }
   delete rep;
 }
+
+// The case walk: ToUpper moves every one-byte character that is lower case
+// down by 32, ToLower every upper-case one up by 32. Walk<false> returns the
+// offset of the first character to change (or the length); Walk<true> changes
+// everything from `from` on. kCached: the rules come from the locale cache,
+// which allows the 16-byte blocks; otherwise every byte is asked of the runtime.
+template <bool kCached>
+class CaseWalk {
+ public:
+  CaseWalk(const CharacterRules& rules, bool toUpper) : m_rules(rules), m_toUpper(toUpper) {}
+
+  template <bool kWrite>
+  int Walk(char* text, int from, int length) const {
+    // Locals, so that writes through the text need not reload them.
+    const CharacterRules rules = m_rules;
+    const bool toUpper = m_toUpper;
+    unsigned char* const p = reinterpret_cast<unsigned char*>(text);
+    int i = from;
+    while (i < length) {
+#if defined(__SSE2__)
+      if (kCached && rules.blocks && length - i >= 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+        const unsigned int high = static_cast<unsigned int>(_mm_movemask_epi8(v));
+        if (high == 0) {
+          // The letters to change: (byte - first letter) is at most 25, unsigned.
+          const __m128i x = _mm_sub_epi8(v, _mm_set1_epi8(toUpper ? 'a' : 'A'));
+          const __m128i hit = _mm_cmpeq_epi8(_mm_min_epu8(x, _mm_set1_epi8(25)), x);
+          if (!kWrite) {
+            const unsigned int hits = static_cast<unsigned int>(_mm_movemask_epi8(hit));
+            if (hits != 0) return i + __builtin_ctz(hits);
+          } else {
+            const __m128i change = _mm_and_si128(hit, _mm_set1_epi8(32));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(p + i),
+                             toUpper ? _mm_sub_epi8(v, change) : _mm_add_epi8(v, change));
+          }
+          i += 16;
+          continue;
+        }
+        // Every byte before the first high one is a one-byte character.
+        for (const int run = i + __builtin_ctz(high); i < run; ++i) {
+          if (Changes(rules, toUpper, p[i])) {
+            if (!kWrite) return i;
+            p[i] = static_cast<unsigned char>(toUpper ? p[i] - 32 : p[i] + 32);
+          }
+        }
+      }
+#endif
+      const unsigned char c = p[i];
+      const int k = rules.Bytes(text + i, length - i);
+      if (k == 1 && Changes(rules, toUpper, c)) {
+        if (!kWrite) return i;
+        p[i] = static_cast<unsigned char>(toUpper ? c - 32 : c + 32);
+      }
+      i += k;
+    }
+    return length;
+  }
+
+ private:
+  static bool Changes(const CharacterRules& rules, bool toUpper, unsigned char c) {
+    if (kCached)
+      return (rules.caseBits[c] & (toUpper ? zmx::strings_internal::LocaleTraits::kLower
+                                           : zmx::strings_internal::LocaleTraits::kUpper)) != 0;
+    return (toUpper ? std::islower(c) : std::isupper(c)) != 0;
+  }
+
+  CharacterRules m_rules;
+  bool m_toUpper;
+};
 
 }  // namespace
 
@@ -472,24 +563,18 @@ void atr_StringBase::Trim(const char* set) {
 void atr_StringBase::ChangeCase(bool toUpper) {
   const int length = Length();
   if (length == 0) return;
-  const CharacterWalker walker;
   // Find the first character to change before copying anything.
-  int i = 0;
-  bool isolated = false;
-  while (i < length) {
-    const int k = walker.Bytes(m_text + i, length - i);
-    if (k == 1) {
-      const int c = static_cast<unsigned char>(m_text[i]);
-      if (toUpper ? std::islower(c) : std::isupper(c)) {
-        if (!isolated) {
-          isolate(length);
-          isolated = true;
-        }
-        m_text[i] = static_cast<char>(toUpper ? c - 32 : c + 32);
-      }
-    }
-    i += k;
-  }
+  const auto change = [&](const auto& walk) {
+    const int first = walk.template Walk<false>(m_text, 0, length);
+    if (first >= length) return;
+    isolate(length);
+    m_text[first] = static_cast<char>(static_cast<unsigned char>(m_text[first]) + (toUpper ? -32 : 32));
+    walk.template Walk<true>(m_text, first + 1, length);
+  };
+  if (length >= kCachedRulesFrom)
+    change(CaseWalk<true>(CharacterRules::FromCache(), toUpper));
+  else
+    change(CaseWalk<false>(CharacterRules::FromRuntime(), toUpper));
 }
 
 void atr_StringBase::ToLower() { ChangeCase(false); }
@@ -500,7 +585,8 @@ void atr_StringBase::Capitalize() {
   const int length = Length();
   if (length == 0) return;
   const int c = static_cast<unsigned char>(m_text[0]);
-  if (CharacterWalker().Bytes(m_text, length) == 1 && std::islower(c)) {
+  const CharacterRules rules = CharacterRules::FromRuntime();
+  if (rules.Bytes(m_text, length) == 1 && rules.IsLower(static_cast<unsigned char>(c))) {
     isolate(length);
     m_text[0] = static_cast<char>(c - 32);
   }
@@ -510,7 +596,8 @@ void atr_StringBase::Uncapitalize() {
   const int length = Length();
   if (length == 0) return;
   const int c = static_cast<unsigned char>(m_text[0]);
-  if (CharacterWalker().Bytes(m_text, length) == 1 && std::isupper(c)) {
+  const CharacterRules rules = CharacterRules::FromRuntime();
+  if (rules.Bytes(m_text, length) == 1 && rules.IsUpper(static_cast<unsigned char>(c))) {
     isolate(length);
     m_text[0] = static_cast<char>(c + 32);
   }

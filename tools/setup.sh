@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev  # tests and benchmarks
   clang libclang-rt-14-dev                    # fuzz targets (libFuzzer)
   valgrind                                    # memory checking of the suite
+  locales                                     # locale sources the case tests compile
   libmimalloc-dev libjemalloc-dev libgoogle-perftools-dev  # allocator peers
   libroaring-dev libabsl-dev libjudy-dev                    # container peers
 )
