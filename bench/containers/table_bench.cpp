@@ -63,11 +63,11 @@ struct OmiTable {
   std::size_t Bytes() const { return zmx::containers_internal::ContainerChecks::BytesHeld(t); }
 };
 
-struct StdTable {
-  static const char* Name() { return "std::unordered_map"; }
-  std::unordered_map<std::uint32_t, int, std::hash<std::uint32_t>, std::equal_to<std::uint32_t>,
-                     CountingAllocator<std::pair<const std::uint32_t, int>>>
-      m;
+// A standard-interface hash map whose nodes and buckets are counted through
+// CountingAllocator, for its memory per key.
+template <template <class...> class Map, class Hash>
+struct CountedMap {
+  Map<std::uint32_t, int, Hash, std::equal_to<std::uint32_t>, CountingAllocator<std::pair<const std::uint32_t, int>>> m;
   std::size_t before = g_requestedBytes;
   void Insert(std::uint32_t k, int v) { m.insert_or_assign(k, v); }
   const int* Find(std::uint32_t k) const {
@@ -83,25 +83,13 @@ struct StdTable {
   std::size_t Bytes() const { return g_requestedBytes - before + sizeof m; }
 };
 
+struct StdTable : CountedMap<std::unordered_map, std::hash<std::uint32_t>> {
+  static const char* Name() { return "std::unordered_map"; }
+};
+
 #if ZMX_BENCH_HAVE_ABSL
-struct AbslTable {
+struct AbslTable : CountedMap<absl::flat_hash_map, absl::Hash<std::uint32_t>> {
   static const char* Name() { return "absl::flat_hash_map"; }
-  absl::flat_hash_map<std::uint32_t, int, absl::Hash<std::uint32_t>, std::equal_to<std::uint32_t>,
-                      CountingAllocator<std::pair<const std::uint32_t, int>>>
-      m;
-  std::size_t before = g_requestedBytes;
-  void Insert(std::uint32_t k, int v) { m.insert_or_assign(k, v); }
-  const int* Find(std::uint32_t k) const {
-    auto it = m.find(k);
-    return it == m.end() ? nullptr : &it->second;
-  }
-  void Erase(std::uint32_t k) { m.erase(k); }
-  long long Sum() const {
-    long long sum = 0;
-    for (const auto& kv : m) sum += kv.second;
-    return sum;
-  }
-  std::size_t Bytes() const { return g_requestedBytes - before + sizeof m; }
 };
 #endif
 
