@@ -11,6 +11,7 @@
 
 #include "ZMXUTI_CoreUtils.h"
 #include "containers/internal/container_checks.h"
+#include "containers/bit_vector_members.h"
 
 namespace {
 
@@ -46,22 +47,6 @@ class MemberSource {
   std::mt19937 rng_;
   std::vector<unsigned int> clusters_;
 };
-
-std::vector<unsigned int> Forward(const omi_BlkBitVect& v) {
-  std::vector<unsigned int> bits;
-  omi_BlkBitVectTrav t(&v);
-  unsigned int b = 0;
-  for (bool ok = t.First(b); ok; ok = t.Next(b)) bits.push_back(b);
-  return bits;
-}
-
-std::vector<unsigned int> Backward(const omi_BlkBitVect& v) {
-  std::vector<unsigned int> bits;
-  omi_BlkBitVectTrav t(&v);
-  unsigned int b = 0;
-  for (bool ok = t.Last(b); ok; ok = t.Prev(b)) bits.push_back(b);
-  return bits;
-}
 
 void ExpectSame(const omi_BlkBitVect& v, const Model& m) {
   ASSERT_EQ(v.Count(), m.size());

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "containers/bit_vector_members.h"
 #include "containers/internal/bit_words.h"
 #include "containers/internal/container_checks.h"
 #include "support/child_process.h"
@@ -21,14 +22,6 @@ unsigned int PagesPresent(const omi_BlkBitVect& v) {
   unsigned int pages = 0;
   for (unsigned int p = 0; p < v.DirectoryLength(); ++p) pages += v.PagePresent(p) ? 1 : 0;
   return pages;
-}
-
-std::vector<unsigned int> Members(const omi_BlkBitVect& v) {
-  std::vector<unsigned int> bits;
-  omi_BlkBitVectTrav t(&v);
-  unsigned int b = 0;
-  for (bool ok = t.First(b); ok; ok = t.Next(b)) bits.push_back(b);
-  return bits;
 }
 
 TEST(BitVector, PagesAreAllocatedPerEightThousandBitsAndTheDirectoryGrowsBy128) {
@@ -85,7 +78,7 @@ TEST(BitVector, SetFromToSetsTheClosedRangeAndKeepsItsReversedRangeQuirk) {
   EXPECT_EQ(v.Count(), 41u);
   std::vector<unsigned int> expected;
   for (unsigned int b = 30; b <= 70; ++b) expected.push_back(b);
-  EXPECT_EQ(Members(v), expected);
+  EXPECT_EQ(Forward(v), expected);
   // Overlapping bits already set are counted once.
   v.SetFromTo(0, 127);
   EXPECT_EQ(v.Count(), 128u);
@@ -93,13 +86,13 @@ TEST(BitVector, SetFromToSetsTheClosedRangeAndKeepsItsReversedRangeQuirk) {
 
   omi_BlkBitVect reversed;
   reversed.SetFromTo(5, 3);  // same word: only `from`
-  EXPECT_EQ(Members(reversed), (std::vector<unsigned int>{5}));
+  EXPECT_EQ(Forward(reversed), (std::vector<unsigned int>{5}));
   omi_BlkBitVect across;
   across.SetFromTo(100, 3);  // different words: `from`, then to's word up to `to`
-  EXPECT_EQ(Members(across), (std::vector<unsigned int>{0, 1, 2, 3, 100}));
+  EXPECT_EQ(Forward(across), (std::vector<unsigned int>{0, 1, 2, 3, 100}));
   omi_BlkBitVect single;
   single.SetFromTo(64, 64);
-  EXPECT_EQ(Members(single), (std::vector<unsigned int>{64}));
+  EXPECT_EQ(Forward(single), (std::vector<unsigned int>{64}));
 
   omi_BlkBitVect top;  // the last word of the range space ends without wrapping
   top.SetFromTo(UINT_MAX - 40, UINT_MAX);
@@ -129,12 +122,12 @@ TEST(BitVector, OperatorsFreeEmptiedPagesAndKeepCountsExact) {
   EXPECT_EQ(longOne.DirectoryLength(), 512u);
   shortOne |= longOne;
   EXPECT_EQ(shortOne.DirectoryLength(), 512u);
-  EXPECT_EQ(Members(shortOne), (std::vector<unsigned int>{1, 1048576 * 3 + 5}));
+  EXPECT_EQ(Forward(shortOne), (std::vector<unsigned int>{1, 1048576 * 3 + 5}));
   // &= frees every page at or above the shorter length.
   omi_BlkBitVect narrow;
   narrow.SetBit(1);
   shortOne &= narrow;
-  EXPECT_EQ(Members(shortOne), (std::vector<unsigned int>{1}));
+  EXPECT_EQ(Forward(shortOne), (std::vector<unsigned int>{1}));
   EXPECT_EQ(PagesPresent(shortOne), 1u);
   // ^= of a set with itself empties it.
   longOne ^= longOne;
@@ -146,7 +139,7 @@ TEST(BitVector, OperatorsFreeEmptiedPagesAndKeepCountsExact) {
   keep.SetBit(20000);
   keep.UnsetBit(20000);
   keep -= narrow;
-  EXPECT_EQ(Members(keep), (std::vector<unsigned int>{9000}));
+  EXPECT_EQ(Forward(keep), (std::vector<unsigned int>{9000}));
   EXPECT_EQ(PagesPresent(keep), 1u);
   EXPECT_EQ(ContainerChecks::CheckBitVectorAfterRecount(keep), "");
 }
@@ -218,7 +211,7 @@ TEST(BitVector, FastCountsMatchTheByteTable) {
 
 std::string RunDump(const std::string& scenario) {
   const auto result = zmx_test::RunProbe("container_dump_probe", scenario);
-  EXPECT_TRUE(result.exited && result.exitCode == 0) << zmx_test::Describe(result);
+  EXPECT_TRUE(zmx_test::ExitedCleanly(result));
   EXPECT_EQ(result.out, "");
   return result.err;
 }

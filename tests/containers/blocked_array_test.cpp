@@ -100,7 +100,7 @@ TEST(BlockedArray, CopyAndAssignmentFollowTheSourcePages) {
 
 TEST(BlockedArray, DumpPrintsPresentPagesByteForByte) {
   const auto result = zmx_test::RunProbe("container_dump_probe", "blocked_array_pages");
-  ASSERT_TRUE(result.exited && result.exitCode == 0) << zmx_test::Describe(result);
+  ASSERT_TRUE(zmx_test::ExitedCleanly(result));
   const std::string zeros8 = "00000000|00000000|00000000|00000000|00000000|00000000|00000000|00000000\n";
   const std::string expected = "Block indices= 0 - 15\n"
                                "00000000|04030201|00000000|00000000|00000000|00000000|00000000|00000000\n" +

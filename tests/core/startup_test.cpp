@@ -6,12 +6,12 @@
 
 namespace {
 
-using zmx_test::Describe;
+using zmx_test::ExitedCleanly;
 using zmx_test::RunProbe;
 
 std::string RunScenario(const std::string& scenario, const zmx_test::EnvVars& env = {}) {
   const auto result = RunProbe("startup_probe", scenario, env);
-  EXPECT_TRUE(result.exited && result.exitCode == 0) << Describe(result);
+  EXPECT_TRUE(ExitedCleanly(result));
   return result.out;
 }
 

@@ -12,11 +12,12 @@
 namespace {
 
 using zmx_test::Describe;
+using zmx_test::ExitedCleanly;
 using zmx_test::RunProbe;
 
 std::string Scenario(const std::string& name) {
   const auto result = RunProbe("heap_probe", name);
-  EXPECT_TRUE(result.exited && result.exitCode == 0) << Describe(result);
+  EXPECT_TRUE(ExitedCleanly(result));
   return result.out;
 }
 

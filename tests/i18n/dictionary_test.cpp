@@ -14,7 +14,7 @@
 
 namespace {
 
-using zmx_test::Describe;
+using zmx_test::ExitedCleanly;
 using zmx_test::RunProbe;
 
 std::string Decode(std::string s) {
@@ -103,7 +103,7 @@ class DictionaryDir : public ::testing::Test {
   zmx_test::ChildResult Run(const std::string& scenario, const zmx_test::EnvVars& env,
                             const std::vector<std::string>& args = {}) {
     auto result = RunProbe("i18n_probe", scenario, env, args);
-    EXPECT_TRUE(result.exited && result.exitCode == 0) << Describe(result);
+    EXPECT_TRUE(ExitedCleanly(result));
     return result;
   }
   std::string root_;

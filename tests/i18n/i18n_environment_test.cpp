@@ -5,12 +5,12 @@
 
 namespace {
 
-using zmx_test::Describe;
+using zmx_test::ExitedCleanly;
 using zmx_test::RunProbe;
 
 std::string RunScenario(const std::string& scenario, const zmx_test::EnvVars& env = {}) {
   const auto result = RunProbe("i18n_probe", scenario, env);
-  EXPECT_TRUE(result.exited && result.exitCode == 0) << Describe(result);
+  EXPECT_TRUE(ExitedCleanly(result));
   return result.out;
 }
 
@@ -47,7 +47,7 @@ zmx_test::EnvVars FrenchEnvironment(const char* lang) {
 
 TEST(FrenchDictionary, TranslatesTheExampleMessagesWithReorderingEscapesAndAccents) {
   const auto r = zmx_test::RunProbe("i18n_probe", "french", FrenchEnvironment("C.UTF-8"));
-  ASSERT_TRUE(r.exited && r.exitCode == 0) << zmx_test::Describe(r);
+  ASSERT_TRUE(zmx_test::ExitedCleanly(r));
   EXPECT_EQ(r.out,
             "ZMXUTI_CoreUtils est pr\xC3\xAAt (profondeur 6), servi par general heap.\n"
             "Allocation par chaque point d'entr\xC3\xA9" "e :\n"

@@ -19,6 +19,7 @@ namespace {
 
 using zmx_test::ChildResult;
 using zmx_test::Describe;
+using zmx_test::ExitedCleanly;
 using zmx_test::EnvVars;
 using zmx_test::RunProbe;
 
@@ -28,7 +29,7 @@ ChildResult Probe(const std::string& scenario, const EnvVars& env = {}, const st
 
 std::string ProbeOutput(const std::string& scenario, const EnvVars& env = {}) {
   const ChildResult r = Probe(scenario, env);
-  EXPECT_TRUE(r.exited && r.exitCode == 0) << Describe(r);
+  EXPECT_TRUE(ExitedCleanly(r));
   return r.out;
 }
 

@@ -10,7 +10,7 @@
 
 namespace {
 
-using zmx_test::Describe;
+using zmx_test::ExitedCleanly;
 using zmx_test::RunProbe;
 
 TEST(StandardStreams, AreAttachedToTheRuntimeFilesOnceTheLibraryIsUp) {
@@ -30,7 +30,7 @@ TEST(StandardStreams, AreAttachedToTheRuntimeFilesOnceTheLibraryIsUp) {
 
 TEST(StandardStreams, OutputBeforeStartUpOnlyFailsAndStartUpAttaches) {
   const auto r = RunProbe("streams_probe", "early");
-  ASSERT_TRUE(r.exited && r.exitCode == 0) << Describe(r);
+  ASSERT_TRUE(ExitedCleanly(r));
   EXPECT_EQ(r.out, "early 2 2 2 -1\ndepth 1 attached 1 1 1\nout 2\ndown 0\nafter finalize\n");
   EXPECT_EQ(r.err, "err\n");
 }
@@ -43,13 +43,13 @@ TEST(StandardStreams, ReadAndWriteTheProcessFilesThroughTheLibraryStartUp) {
   std::fclose(f);
   const auto r = RunProbe("streams_probe", "from_library", {}, {input});
   std::remove(input.c_str());
-  ASSERT_TRUE(r.exited && r.exitCode == 0) << Describe(r);
+  ASSERT_TRUE(ExitedCleanly(r));
   EXPECT_EQ(r.out, "hello world 42\n");
 }
 
 TEST(StandardStreams, DestructionDoesNotCloseTheRuntimeFiles) {
   const auto r = RunProbe("streams_probe", "destruction");
-  ASSERT_TRUE(r.exited && r.exitCode == 0) << Describe(r);
+  ASSERT_TRUE(ExitedCleanly(r));
   EXPECT_EQ(r.out, "before exit\nstdout still open\n");
   EXPECT_EQ(r.err, "");
 }

@@ -10,6 +10,7 @@
 namespace {
 
 using zmx_test::Describe;
+using zmx_test::ExitedCleanly;
 using zmx_test::RunProbe;
 
 std::string Report(int reps, int strings, int failures, int active, int bytes, int maxActive, int maxBytes,
@@ -24,7 +25,7 @@ std::string Report(int reps, int strings, int failures, int active, int bytes, i
 
 std::string RunWithSummary(const std::string& scenario) {
   const auto result = RunProbe("strings_probe", scenario, {{"ATR_SUMMARY", "1"}});
-  EXPECT_TRUE(result.exited && result.exitCode == 0) << Describe(result);
+  EXPECT_TRUE(ExitedCleanly(result));
   return result.err;
 }
 
@@ -57,7 +58,7 @@ TEST(StringSummary, WithoutInlineTextsTheMeansAreZero) {
   // An empty value switches the statistics on too; the adopted string is still
   // alive at shut-down.
   const auto result = RunProbe("strings_probe", "no_inline", {{"ATR_SUMMARY", ""}});
-  ASSERT_TRUE(result.exited && result.exitCode == 0) << Describe(result);
+  ASSERT_TRUE(ExitedCleanly(result));
   EXPECT_EQ(result.err, Report(3, 0, 0, 1, 0, 3, 0,
                                "     0.0 Mean length\n     0.0 Sigma length\n"
                                "     0.0 Mean spare\n     0.0 Sigma spare\n"));
@@ -66,7 +67,7 @@ TEST(StringSummary, WithoutInlineTextsTheMeansAreZero) {
 TEST(StringSummary, NoVariableNoReport) {
   for (const char* scenario : {"mixed", "no_inline"}) {
     const auto result = RunProbe("strings_probe", scenario);
-    ASSERT_TRUE(result.exited && result.exitCode == 0) << Describe(result);
+    ASSERT_TRUE(ExitedCleanly(result));
     EXPECT_EQ(result.err, "") << scenario;
   }
 }

@@ -105,4 +105,9 @@ std::string Describe(const ChildResult& result) {
   return text.str();
 }
 
+::testing::AssertionResult ExitedCleanly(const ChildResult& result) {
+  if (result.exited && result.exitCode == 0) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << Describe(result);
+}
+
 }  // namespace zmx_test

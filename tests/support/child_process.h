@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 namespace zmx_test {
 
 struct ChildResult {
@@ -32,6 +34,9 @@ ChildResult RunProbe(const std::string& probe, const std::string& scenario, cons
 
 // A readable one-line summary for assertion messages.
 std::string Describe(const ChildResult& result);
+
+// Success when the child exited with status 0; otherwise a failure carrying Describe(result).
+::testing::AssertionResult ExitedCleanly(const ChildResult& result);
 
 }  // namespace zmx_test
 
