@@ -125,7 +125,9 @@ omi_BlkBitVect& omi_BlkBitVect::operator&=(const omi_BlkBitVect& other) {
   return *this;
 }
 
-omi_BlkBitVect& omi_BlkBitVect::operator|=(const omi_BlkBitVect& other) {
+omi_BlkBitVect& omi_BlkBitVect::CombineGrowing(const omi_BlkBitVect& other,
+                                               unsigned int (*combine)(unsigned int*, const unsigned int*, unsigned int),
+                                               const char* what) {
   const unsigned int common = std::min(directoryLength_, other.directoryLength_);
   unsigned int total = 0;
   for (unsigned int page = 0; page < directoryLength_; ++page) {
@@ -136,7 +138,9 @@ omi_BlkBitVect& omi_BlkBitVect::operator|=(const omi_BlkBitVect& other) {
       directory_[page] = NewPageCopy(source);
       total += RecountPage(page);
     } else {
-      total += OrPage(directory_[page], source, pageSize_);
+      const unsigned int bits = combine(directory_[page], source, pageSize_);
+      if (bits == 0) FreePage(page);
+      total += bits;
     }
   }
   if (other.directoryLength_ > directoryLength_) {
@@ -144,8 +148,12 @@ omi_BlkBitVect& omi_BlkBitVect::operator|=(const omi_BlkBitVect& other) {
     total += CopyPagesFrom(other, common);
   }
   count_ = total;
-  VerifyAfterRecount(*this, "omi_BlkBitVect::operator|=");
+  VerifyAfterRecount(*this, what);
   return *this;
+}
+
+omi_BlkBitVect& omi_BlkBitVect::operator|=(const omi_BlkBitVect& other) {
+  return CombineGrowing(other, OrPage, "omi_BlkBitVect::operator|=");
 }
 
 omi_BlkBitVect& omi_BlkBitVect::operator-=(const omi_BlkBitVect& other) {
@@ -168,28 +176,7 @@ omi_BlkBitVect& omi_BlkBitVect::operator-=(const omi_BlkBitVect& other) {
 }
 
 omi_BlkBitVect& omi_BlkBitVect::operator^=(const omi_BlkBitVect& other) {
-  const unsigned int common = std::min(directoryLength_, other.directoryLength_);
-  unsigned int total = 0;
-  for (unsigned int page = 0; page < directoryLength_; ++page) {
-    const unsigned int* source = page < common ? other.directory_[page] : nullptr;
-    if (source == nullptr) {
-      total += RecountPage(page);
-    } else if (directory_[page] == nullptr) {
-      directory_[page] = NewPageCopy(source);
-      total += RecountPage(page);
-    } else {
-      const unsigned int bits = XorPage(directory_[page], source, pageSize_);
-      if (bits == 0) FreePage(page);
-      total += bits;
-    }
-  }
-  if (other.directoryLength_ > directoryLength_) {
-    GrowDirectoryTo(other.directoryLength_);
-    total += CopyPagesFrom(other, common);
-  }
-  count_ = total;
-  VerifyAfterRecount(*this, "omi_BlkBitVect::operator^=");
-  return *this;
+  return CombineGrowing(other, XorPage, "omi_BlkBitVect::operator^=");
 }
 
 bool omi_BlkBitVect::operator==(const omi_BlkBitVect& other) const {

@@ -100,6 +100,12 @@ class ZMXUTI_API omi_BlkBitVect : public omi_BlockedArray<unsigned int> {
   unsigned int RecountPage(unsigned int page);
   // Copies the other's present pages from `first` on into this (same length).
   unsigned int CopyPagesFrom(const omi_BlkBitVect& other, unsigned int first);
+  // |= and ^=: `combine` merges the other's page into each page both have and
+  // returns its bits; pages only the other has are copied, growing this to the
+  // other's length; the recount frees every page left empty.
+  omi_BlkBitVect& CombineGrowing(const omi_BlkBitVect& other,
+                                 unsigned int (*combine)(unsigned int*, const unsigned int*, unsigned int),
+                                 const char* what);
 
   unsigned int count_;
 };

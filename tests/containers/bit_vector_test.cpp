@@ -68,6 +68,21 @@ TEST(BitVector, UnsetBitKeepsTheEmptiedPageSoEqualityFails) {
   longer |= fresh;
   EXPECT_EQ(longer.Count(), 0u);
   EXPECT_FALSE(longer == fresh);
+  // Emptied pages at the same place on both sides combine into an empty page,
+  // which the recount frees too, for | as for ^.
+  for (const bool useOr : {true, false}) {
+    omi_BlkBitVect a, b;
+    a.SetBit(9000);
+    a.UnsetBit(9000);
+    b.SetBit(9001);
+    b.UnsetBit(9001);
+    if (useOr)
+      a |= b;
+    else
+      a ^= b;
+    EXPECT_EQ(PagesPresent(a), 0u) << (useOr ? "|=" : "^=");
+    EXPECT_EQ(ContainerChecks::CheckBitVectorAfterRecount(a), "") << (useOr ? "|=" : "^=");
+  }
   v.Clear();
   EXPECT_EQ(v.DirectoryLength(), 128u);
 }
