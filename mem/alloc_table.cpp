@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "mem/internal/runtime_heap.h"
+
 namespace zmx {
 namespace mem_internal {
 
@@ -52,18 +54,13 @@ void* BootstrapMemalign(std::size_t alignment, std::size_t size) {
   RunBootstrap();
   return g_table.memalign(alignment, size);
 }
-int UnchosenTrim(std::size_t) { return 0; }
-int UnchosenMallopt(int, int) { return 0; }
-std::size_t UnchosenSize() { return 0; }
-dl_mallinfo UnchosenMallinfo() { return dl_mallinfo{}; }
-int UnchosenStatus() { return 0; }
 
 }  // namespace
 
 AllocTable g_table = {
-    BootstrapMalloc, BootstrapCalloc, BootstrapRealloc, BootstrapFree,   UnchosenTrim,
-    UnchosenMallopt, UnchosenSize,    UnchosenSize,     UnchosenSize,    UnchosenMallinfo,
-    UnchosenStatus,  UnchosenSize,    BootstrapMemalign,
+    // Until the choice, the queries answer as the runtime heap does.
+    BootstrapMalloc, BootstrapCalloc, BootstrapRealloc, BootstrapFree, NoTrim,   NoMallopt, NoSize,
+    NoSize,          NoSize,          NoMallinfo,       NoStatus,      NoSize,   BootstrapMemalign,
 };
 
 Switches g_switches = {false, false, false, false, false};

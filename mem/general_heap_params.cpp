@@ -34,7 +34,8 @@ bool IsPowerOfTwo(size_t x) { return x != 0 && (x & (x - 1)) == 0; }
   std::abort();
 }
 
-void FillParameters() {
+// Fills the parameter record; returns the page size for SetUp to publish last.
+size_t FillParameters() {
   const size_t page = platform::PageSize();
   const size_t granularity = platform::AllocationGranularity();
   if (!IsPowerOfTwo(page)) AbortSetUp("page size");
@@ -48,16 +49,18 @@ void FillParameters() {
   g_params.magic = kMagic;
   g_heap.flags = g_params.defaultFlags;
   g_heap.magic = kMagic;
-  g_params.pageSize.store(page, std::memory_order_release);
+  return page;
 }
 
 }  // namespace
 
 void SetUp() {
   g_paramLock.Acquire();
-  if (g_params.pageSize.load(std::memory_order_relaxed) == 0) FillParameters();
+  const size_t firstPage = g_params.pageSize.load(std::memory_order_relaxed) == 0 ? FillParameters() : 0;
   g_heap.lockUse = g_params.lockUse;
   g_heap.memoryLimit = g_params.memoryLimit;
+  // Published last: a thread that sees a page size sees the heap's copies too.
+  if (firstPage != 0) g_params.pageSize.store(firstPage, std::memory_order_release);
   g_paramLock.Release();
 }
 
@@ -109,7 +112,7 @@ int dlmallopt(int parameter, int value) {
       g_params.trimThreshold = v;
       return 1;
     case -2:
-      if (v < g_params.pageSize.load() || (v & (v - 1)) != 0) return 0;
+      if (v < g_params.pageSize.load() || !IsPowerOfTwo(v)) return 0;
       g_params.granularity = v;
       return 1;
     case -3:

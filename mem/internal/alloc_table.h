@@ -49,7 +49,7 @@ struct Switches {
 };
 extern Switches g_switches;
 
-// True while the malloc slot still holds the bootstrap entry.
+// True once the choice has replaced the bootstrap entry in the malloc slot.
 bool AllocatorChosen();
 // Reads ZMX_CRTMALLOC, ZMX_DLALLOCATOR and ZEM_DEADBEEF and installs the table.
 void ChooseAllocator();

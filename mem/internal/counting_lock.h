@@ -30,11 +30,6 @@ class CountingLock {
   void Release() {
     if (ZMX_UNLIKELY(counter_.fetch_sub(1, std::memory_order_release) - 1 > 0)) HandOver();
   }
-  // Forgets the event and zeroes the counter (used when an owner is re-created).
-  void Reset() {
-    counter_.store(0, std::memory_order_relaxed);
-    event_.store(nullptr, std::memory_order_relaxed);
-  }
 
  private:
   platform::Event* EnsureEvent() {
