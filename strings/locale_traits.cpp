@@ -44,13 +44,9 @@ thread_local CachedTraits t_cache = {};
 
 }  // namespace
 
-const LocaleTraits& CurrentLocaleTraits() {
+const LocaleTraits* CachedLocaleTraits() {
+  if (!platform::ThreadUsesGlobalLocale()) return nullptr;
   CachedTraits& cache = t_cache;
-  if (!platform::ThreadUsesGlobalLocale()) {
-    cache.valid = false;
-    Measure(cache.traits);
-    return cache.traits;
-  }
   const char* name = std::setlocale(LC_CTYPE, nullptr);
   if (name == nullptr) name = "";
   if (!cache.valid || std::strcmp(cache.name, name) != 0) {
@@ -59,7 +55,7 @@ const LocaleTraits& CurrentLocaleTraits() {
     cache.valid = n < sizeof cache.name;
     if (cache.valid) std::memcpy(cache.name, name, n + 1);
   }
-  return cache.traits;
+  return &cache.traits;
 }
 
 }  // namespace strings_internal

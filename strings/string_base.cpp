@@ -84,7 +84,7 @@ struct ByteSet {
 // known: in single-byte locales every byte is one character, and in stateless
 // multi-byte encodings (UTF-8 and the other ASCII-compatible ones) so is every
 // byte below 0x80. A byte's case comes from islower / isupper, or from the
-// cached table of the locale for long texts, where reading 16 plain ASCII
+// cached table of the process locale for long texts, where reading 16 plain ASCII
 // bytes at a time pays for the cache lookup.
 struct CharacterRules {
   bool singleByte;
@@ -93,8 +93,7 @@ struct CharacterRules {
   const unsigned char* caseBits;  // null: ask islower / isupper
 
   static CharacterRules FromRuntime() { return {MB_CUR_MAX == 1, std::mblen(nullptr, 0) == 0, false, nullptr}; }
-  static CharacterRules FromCache() {
-    const zmx::strings_internal::LocaleTraits& t = zmx::strings_internal::CurrentLocaleTraits();
+  static CharacterRules FromCache(const zmx::strings_internal::LocaleTraits& t) {
     if (!t.singleByte) std::mblen(nullptr, 0);
     return {t.singleByte, t.stateless, (t.singleByte || t.stateless) && t.asciiLetters, t.caseBits};
   }
@@ -107,12 +106,6 @@ struct CharacterRules {
       return 1;
     }
     return k;
-  }
-  bool IsLower(unsigned char c) const {
-    return caseBits != nullptr ? (caseBits[c] & zmx::strings_internal::LocaleTraits::kLower) != 0 : std::islower(c) != 0;
-  }
-  bool IsUpper(unsigned char c) const {
-    return caseBits != nullptr ? (caseBits[c] & zmx::strings_internal::LocaleTraits::kUpper) != 0 : std::isupper(c) != 0;
   }
 };
 
@@ -571,8 +564,10 @@ void atr_StringBase::ChangeCase(bool toUpper) {
     m_text[first] = static_cast<char>(static_cast<unsigned char>(m_text[first]) + (toUpper ? -32 : 32));
     walk.template Walk<true>(m_text, first + 1, length);
   };
-  if (length >= kCachedRulesFrom)
-    change(CaseWalk<true>(CharacterRules::FromCache(), toUpper));
+  const zmx::strings_internal::LocaleTraits* cached =
+      length >= kCachedRulesFrom ? zmx::strings_internal::CachedLocaleTraits() : nullptr;
+  if (cached != nullptr)
+    change(CaseWalk<true>(CharacterRules::FromCache(*cached), toUpper));
   else
     change(CaseWalk<false>(CharacterRules::FromRuntime(), toUpper));
 }
@@ -586,7 +581,7 @@ void atr_StringBase::Capitalize() {
   if (length == 0) return;
   const int c = static_cast<unsigned char>(m_text[0]);
   const CharacterRules rules = CharacterRules::FromRuntime();
-  if (rules.Bytes(m_text, length) == 1 && rules.IsLower(static_cast<unsigned char>(c))) {
+  if (rules.Bytes(m_text, length) == 1 && std::islower(c)) {
     isolate(length);
     m_text[0] = static_cast<char>(c - 32);
   }
@@ -597,7 +592,7 @@ void atr_StringBase::Uncapitalize() {
   if (length == 0) return;
   const int c = static_cast<unsigned char>(m_text[0]);
   const CharacterRules rules = CharacterRules::FromRuntime();
-  if (rules.Bytes(m_text, length) == 1 && rules.IsUpper(static_cast<unsigned char>(c))) {
+  if (rules.Bytes(m_text, length) == 1 && std::isupper(c)) {
     isolate(length);
     m_text[0] = static_cast<char>(c + 32);
   }

@@ -16,10 +16,10 @@ struct LocaleTraits {
   bool asciiLetters;  // below 0x80, exactly 'a'..'z' are lower and 'A'..'Z' upper case
 };
 
-// The traits of the character locale the calling thread uses now. Under the
-// process-wide locale they are cached by its LC_CTYPE name; a thread that runs
-// under a locale of its own has them measured on every call.
-const LocaleTraits& CurrentLocaleTraits();
+// The traits of the process-wide character locale, cached per thread by its
+// LC_CTYPE name; null on a thread that runs under a locale of its own (callers
+// then ask the runtime byte by byte).
+const LocaleTraits* CachedLocaleTraits();
 
 }  // namespace strings_internal
 }  // namespace zmx
