@@ -152,7 +152,6 @@ bool omi_IntMultiMap<T>::Remove(int key, const T& value) {
   omi_UintTableBlock<void*>* block = nullptr;
   unsigned int position = 0;
   if (!FindByMagnitude(key, block, position)) return false;
-  const unsigned int liveBefore = liveValues_;
   Link* first = static_cast<Link*>(block->GetCell(position));
   while (first != nullptr && first->value == value) {
     liveValues_ -= 1;
@@ -171,7 +170,6 @@ bool omi_IntMultiMap<T>::Remove(int key, const T& value) {
       current = current->next;
     }
   } else {
-    if (liveValues_ == liveBefore) return false;
     HalfOf(key).Remove(StoredKey(key));
   }
   AfterRemoval();

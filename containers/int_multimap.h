@@ -15,7 +15,8 @@
 //   omi_IntMultiMap<int> m;
 //   m.Insert(5, 1);  m.Insert(5, 2);     // chain of 5: 2, 1
 //   m.IsMember(5, 1);                    // true
-//   for (omi_IntMultiMapIterator<int> it(m); !it.IsDone(); it.Next()) ...
+//   omi_IntMultiMapIterator<int> it(m);
+//   for (it.First(); !it.IsDone(); it.Next()) ...
 //
 // Exported for T = int and void*.
 #ifndef ZMXUTI_CONTAINERS_INT_MULTIMAP_H

@@ -6,8 +6,8 @@
 // ones ascending: {-2, -1, 0, 3} comes out as -1, -2, 0, 3.
 //
 //   omi_Set s;  s.Insert(-2);  s.Insert(3);
-//   for (omi_SetIT it(s); !it.IsDone(); it.Next()) use(it.CurrentItem());
-//   // (the constructor does not place the walk: call First() before the loop)
+//   omi_SetIT it(s);
+//   for (it.First(); !it.IsDone(); it.Next()) use(it.CurrentItem());
 #ifndef ZMXUTI_CONTAINERS_INT_SET_H
 #define ZMXUTI_CONTAINERS_INT_SET_H
 

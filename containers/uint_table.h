@@ -12,7 +12,8 @@
 //   omi_UintTable<double> t(12, 10, 24);
 //   t.Insert(42, 1.5);                       // true: a new key
 //   if (const double* v = t.Find(42)) ...;   // 1.5
-//   for (omi_UintTableIterator<double> it(t); it.First(), !it.IsDone(); ) ...
+//   omi_UintTableIterator<double> it(t);
+//   for (it.First(); !it.IsDone(); it.Next()) ...
 //
 // Exported for T = int, double and void*.
 #ifndef ZMXUTI_CONTAINERS_UINT_TABLE_H
