@@ -30,7 +30,7 @@ inline bool IsSmallObjectForMemFree(const void* block) {
 extern "C" {
 
 void* mem_Malloc(std::size_t size) {
-  void* block = (g_switches.tinyForMemMalloc && size < 129) ? g_smallObjects.allocate(size, true)
+  void* block = (g_switches.tinyForMemMalloc && size <= kLargestTiny) ? g_smallObjects.allocate(size, true)
                                                             : g_table.malloc(size);
   if (ZMX_UNLIKELY(TrackingOn(g_trackMalloc))) Tracker().RecordMalloc(block, size);
   return block;

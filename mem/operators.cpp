@@ -20,8 +20,6 @@ class BadAllocation final : public std::bad_alloc {
   const char* what() const noexcept override { return "bad allocation"; }
 };
 
-constexpr std::size_t kLargestTiny = 128;
-
 // ---------------------------------------------------------------- new path
 
 inline void* AllocateForNew(std::size_t size) {

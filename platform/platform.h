@@ -21,7 +21,8 @@ std::size_t AllocationGranularity();
 // and `near` for a place starting at that address (both hints only). Returns
 // null on failure. The memory reads as zero.
 void* MapMemory(std::size_t size, bool fromTop, const void* near = nullptr);
-// Gives back a range obtained from MapMemory (whole or the tail of one). True on success.
+// Gives back whole pages of ranges obtained from MapMemory: a whole range, its
+// front or its tail, or adjacent ranges together. True on success.
 bool UnmapMemory(void* address, std::size_t size);
 
 // ---- waiting on a 32-bit word ----

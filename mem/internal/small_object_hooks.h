@@ -12,6 +12,9 @@
 namespace zmx {
 namespace mem_internal {
 
+// The largest request the small-object allocator serves.
+constexpr std::size_t kLargestTiny = 128;
+
 struct SmallObjectOps {
   // A block for 0..128 bytes, or null. Creates the allocator on first use.
   void* (*allocate)(std::size_t size, bool lockWanted);
