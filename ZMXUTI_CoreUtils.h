@@ -7,6 +7,9 @@
 
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
+#include "mem/pools/region.h"
+#include "mem/pools/cache_manager.h"
+#include "mem/pools/cache_pool.h"
 
 #include "streams/ios.h"
 #include "streams/istream.h"
