@@ -1,0 +1,321 @@
+// The cache pools: the numbered facts of handles, classes, clusters and the
+// summary; a randomized run against a model of live handles and their
+// contents over three allocators; purging under a real memory limit and the
+// abort on a bad handle in fresh processes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <new>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "ZMXUTI_CoreUtils.h"
+#include "support/child_process.h"
+
+namespace {
+
+// Counts live memory by block and can be told to refuse requests, a given
+// share of them at random.
+class CountingAllocator : public mem_Allocator {
+ public:
+  void* Malloc(const char* name, std::size_t size) override { return Note(Refuse() ? nullptr : mem_Malloc(size), size); }
+  void* Realloc(const char* name, void* block, std::size_t size) override {
+    if (Refuse()) return nullptr;
+    void* moved = mem_Realloc(block, size);
+    if (moved != nullptr) live_.erase(block);
+    return Note(moved, size);
+  }
+  void Free(const char* name, void* block) override {
+    if (block != nullptr) {
+      EXPECT_EQ(live_.erase(block), 1u) << "freed a block it never gave out";
+    }
+    mem_Free(block);
+  }
+  std::size_t LiveBytes() const {
+    std::size_t total = 0;
+    for (const auto& entry : live_) total += entry.second;
+    return total;
+  }
+  std::size_t LiveBlocks() const { return live_.size(); }
+  void RefuseShare(unsigned int perMille, unsigned int seed) {
+    perMille_ = perMille;
+    rng_.seed(seed);
+  }
+
+ private:
+  bool Refuse() { return perMille_ != 0 && rng_() % 1000 < perMille_; }
+  void* Note(void* block, std::size_t size) {
+    if (block != nullptr) live_[block] = size;
+    return block;
+  }
+  std::map<void*, std::size_t> live_;
+  unsigned int perMille_ = 0;
+  std::minstd_rand rng_;
+};
+
+unsigned int ClusterOf(mem_CachePoolID h) { return (h >> 1) & 0x7FFF; }
+
+std::string Captured(void (mem_CachePool::*print)() const, const mem_CachePool* pool) {
+  testing::internal::CaptureStdout();
+  (pool->*print)();
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST(CachePool, NumberedFacts) {
+  CountingAllocator allocator;
+  mem_CachePool* pool = mem_CachePool::CreatePool(&allocator);
+  ASSERT_NE(pool, nullptr);
+  EXPECT_EQ(pool->Alloc(0).Value(), 0u);
+  pool->Free(0);
+
+  const mem_CachePoolID big = pool->Alloc(16385).Value();
+  EXPECT_EQ(big & 1, 0u);
+  EXPECT_GE(big >> 1, 1u);
+  // Two 4-byte requests: the first slots of a fixed region cut at the top of cluster 1.
+  const mem_CachePoolID a = pool->Alloc(4).Value(), b = pool->Alloc(4).Value();
+  EXPECT_EQ(a, 1u | (1u << 1) | ((63u * 1024 + 10) << 16));
+  EXPECT_EQ(b, a + (1u << 16));
+  EXPECT_EQ(Captured(&mem_CachePool::DebugSummary, pool),
+            "Pool Summary: blockCount=4, clusterCount=1, passthruCount=1\n"
+            "        PassthruSize=4097, ClusterAlloc=1024\n");
+  EXPECT_EQ(Captured(&mem_CachePool::DebugPrint, pool),
+            "Allocated Regions:\nVariableRegion: Size=65536, Alloc=1024\nFixedRegion: AllocCount = 2\n"
+            "mem_Block: Size = 1024\nmem_Block: Size = 4097\nmem_Block: Size = 1024\n");
+
+  const mem_CachePoolID odd = pool->Alloc(16384);
+  EXPECT_EQ(odd & 1, 1u);
+  std::memset(pool->Ptr(odd), 0x5A, 16384);
+  EXPECT_EQ(pool->ReAlloc(odd, 0).Value(), 0u);  // the old block is kept
+  EXPECT_EQ(static_cast<unsigned char*>(pool->Ptr(odd))[16383], 0x5A);
+  const mem_CachePoolID variable = pool->Alloc(300);
+  for (std::uint64_t smaller : {1, 200, 300}) EXPECT_EQ(pool->ReAlloc(variable, smaller).Value(), variable);
+  EXPECT_EQ(pool->ReAlloc(a, 3).Value(), a);
+  EXPECT_EQ(pool->ReAlloc(big, 1).Value(), big);  // a block never moves into a cluster
+  const mem_CachePoolID adopted = pool->Adopt(10, allocator.Malloc("test", 10));
+  EXPECT_EQ(adopted & 1, 0u);
+
+  // Emptying cluster 1 gives its 256 KiB back; the next cluster request reuses index 1.
+  const std::size_t withCluster = allocator.LiveBytes();
+  for (mem_CachePoolID h : {a, b, odd, variable}) pool->Free(h);
+  EXPECT_EQ(withCluster - allocator.LiveBytes(), 0x40000u);
+  const mem_CachePoolID again = pool->Alloc(100);
+  EXPECT_EQ(ClusterOf(again), 1u);
+  EXPECT_EQ(allocator.LiveBytes(), withCluster);
+  pool->Delete();
+  EXPECT_EQ(allocator.LiveBlocks(), 0u);  // blocks, adopted memory, pages, tables and the pool itself
+}
+
+// ------------------------------------------------------- randomized model
+
+constexpr std::size_t kDataBytes = 3000;
+
+// A cache item in the pool whose data is another handle of the same pool.
+struct HeldItem : mem_CacheItem {
+  mem_CachePool* pool;
+  mem_CachePoolID self;
+  mem_CachePoolID data;
+  std::vector<mem_CachePoolID>* purged;
+  HeldItem(mem_CachePool* p, mem_CachePoolID s, mem_CachePoolID d, std::vector<mem_CachePoolID>* log)
+      : pool(p), self(s), data(d), purged(log) {}
+  std::uint64_t AvailableSize() override { return data != 0 ? kDataBytes : 0; }
+  void DebugPrint() override {}
+  mem_CacheItemPtr Self() override { return mem_CacheItemPtr(pool, self); }
+  std::uint64_t Purge() override {
+    purged->push_back(data);
+    pool->Free(data);
+    data = 0;
+    return kDataBytes;
+  }
+};
+
+struct Live {
+  std::uint64_t size;
+  unsigned int serial;
+  bool held;  // a cache item's data: only the item frees it
+};
+
+unsigned char PatternByte(unsigned int serial, std::size_t i) {
+  return static_cast<unsigned char>(serial * 131u + i * 7u + (i >> 8));
+}
+
+class PoolModelTest : public ::testing::TestWithParam<int> {
+ protected:
+  void Fill(mem_CachePoolID h, std::uint64_t from) {
+    Live& live = model_[h];
+    unsigned char* bytes = static_cast<unsigned char*>(pool_->Ptr(h));
+    for (std::uint64_t i = from; i < live.size; ++i) bytes[i] = PatternByte(live.serial, i);
+  }
+  bool Intact(mem_CachePoolID h) const {
+    const Live& live = model_.at(h);
+    const unsigned char* bytes = static_cast<const unsigned char*>(pool_->Ptr(h));
+    for (std::uint64_t i = 0; i < live.size; ++i)
+      if (bytes[i] != PatternByte(live.serial, i)) return false;
+    return true;
+  }
+  // Every live handle keeps its contents and no two live handles overlap.
+  void CheckAll(int step) {
+    std::vector<std::pair<const unsigned char*, std::uint64_t>> spans;
+    for (const auto& entry : model_) {
+      ASSERT_TRUE(Intact(entry.first)) << "handle " << std::hex << entry.first << std::dec << " at step " << step;
+      spans.emplace_back(static_cast<const unsigned char*>(pool_->Ptr(entry.first)), entry.second.size);
+    }
+    std::sort(spans.begin(), spans.end());
+    for (std::size_t i = 1; i < spans.size(); ++i)
+      ASSERT_LE(spans[i - 1].first + spans[i - 1].second, spans[i].first) << "overlap at step " << step;
+  }
+  std::uint64_t RandomSize() {
+    const unsigned int kind = rng_() % 20;
+    if (kind < 10) return 1 + rng_() % 128;               // fixed classes
+    if (kind < 17) return 129 + rng_() % (16384 - 128);   // variable runs
+    return 16385 + rng_() % (40960 - 16384);              // passthru
+  }
+
+  std::mt19937 rng_{20240611u + static_cast<unsigned int>(GetParam())};
+  mem_CachePool* pool_ = nullptr;
+  std::map<mem_CachePoolID, Live> model_;
+};
+
+TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
+  mem_CacheManager manager("model");
+  mem_DLAllocator general;
+  mem_Allocator frontDoor;
+  CountingAllocator refusing;
+  refusing.RefuseShare(GetParam() == 2 ? 30 : 0, 7);
+  mem_Allocator* allocators[] = {&general, &frontDoor, &refusing};
+  mem_Allocator* allocator = allocators[GetParam()];
+  pool_ = mem_CachePool::CreatePool(allocator);
+  ASSERT_NE(pool_, nullptr);
+  std::vector<mem_CachePoolID> items, purged;
+  unsigned int serial = 1;
+  int refusals = 0;
+  for (int step = 0; step < 16000; ++step) {
+    const unsigned int op = rng_() % 100;
+    const bool grow = model_.size() < std::size_t{600} + (step / 2000 % 2) * 900u;  // fill and drain in waves
+    auto pick = [&]() -> mem_CachePoolID {  // 0 when only held data came up
+      auto it = model_.lower_bound(static_cast<mem_CachePoolID>(rng_()));
+      if (it == model_.end()) it = model_.begin();
+      return it->second.held ? 0 : it->first;
+    };
+    if (model_.empty() || (grow && op < 45)) {
+      const std::uint64_t size = RandomSize();
+      mem_CachePoolID h = 0;
+      if (op % 9 == 0 && size > 128) {
+        void* memory = allocator->Malloc("test", size);
+        h = memory != nullptr ? pool_->Adopt(size, memory).Value() : 0;
+      } else {
+        h = pool_->Alloc(size);
+      }
+      if (h == 0) {
+        ++refusals;
+        continue;
+      }
+      ASSERT_EQ(model_.count(h), 0u) << "handle handed out twice";
+      model_[h] = Live{size, serial++, false};
+      Fill(h, 0);
+    } else if (op < 75) {
+      const mem_CachePoolID h = pick();
+      if (h == 0) continue;
+      const Live old = model_[h];
+      const std::uint64_t size = RandomSize();
+      const mem_CachePoolID moved = pool_->ReAlloc(h, size);
+      if (moved == 0) {
+        ++refusals;
+        ASSERT_TRUE(Intact(h)) << "a failed reallocation must keep the old block";
+        continue;
+      }
+      model_.erase(h);
+      model_[moved] = Live{size, old.serial, false};
+      const unsigned char* bytes = static_cast<const unsigned char*>(pool_->Ptr(moved));
+      for (std::uint64_t i = 0; i < std::min(size, old.size); i += 61)
+        ASSERT_EQ(bytes[i], PatternByte(old.serial, i)) << "contents lost by ReAlloc at step " << step;
+      if (size <= old.size || !(h & 1)) {
+        ASSERT_EQ(moved, h) << "blocks and smaller requests keep their handle";
+      }
+      Fill(moved, std::min(size, old.size));
+    } else if (op < 97) {
+      const mem_CachePoolID h = pick();
+      if (h == 0) continue;
+      ASSERT_TRUE(Intact(h)) << "step " << step;
+      model_.erase(h);
+      pool_->Free(h);
+    } else if (op < 99) {
+      // A cache item holding data; the data stays in the model until purged.
+      const mem_CachePoolID data = pool_->Alloc(kDataBytes), self = pool_->Alloc(sizeof(HeldItem));
+      if (data == 0 || self == 0) {
+        pool_->Free(data);
+        pool_->Free(self);
+        continue;
+      }
+      new (pool_->Ptr(self)) HeldItem(pool_, self, data, &purged);
+      model_[data] = Live{kDataBytes, serial++, true};
+      Fill(data, 0);
+      mem_CacheItemPtr ptr(pool_, self);
+      manager.AddItem(MEM_CACHE_PRIORITY_2, MEM_CACHE_FRONT, ptr);
+      items.push_back(self);
+    } else {
+      manager.Purge(0, 2 * kDataBytes);
+      for (mem_CachePoolID gone : purged) model_.erase(gone);
+      purged.clear();
+    }
+    if (step % 1000 == 999) CheckAll(step);
+  }
+  CheckAll(-1);
+  if (GetParam() == 2) {
+    EXPECT_GT(refusals, 0);
+  }
+  for (mem_CachePoolID self : items) {
+    mem_CacheItemPtr ptr(pool_, self);
+    manager.RemoveItem(ptr);
+    HeldItem* item = static_cast<HeldItem*>(pool_->Ptr(self));
+    if (item->data != 0) model_.erase(item->data);
+    pool_->Free(item->data);
+    pool_->Free(self);
+  }
+  for (const auto& entry : model_) {
+    ASSERT_FALSE(entry.second.held);
+    pool_->Free(entry.first);
+  }
+  model_.clear();
+  testing::internal::CaptureStdout();
+  pool_->DebugSummary();
+  EXPECT_EQ(testing::internal::GetCapturedStdout().substr(0, 14), "Pool Summary: ");
+  pool_->Delete();
+  if (GetParam() == 2) {
+    EXPECT_EQ(refusing.LiveBlocks(), 0u);
+  }
+}
+
+std::string AllocatorName(const ::testing::TestParamInfo<int>& param) {
+  const char* const kNames[] = {"GeneralHeap", "FrontDoor", "RefusingCounting"};
+  return kNames[param.param];
+}
+INSTANTIATE_TEST_SUITE_P(Allocators, PoolModelTest, ::testing::Values(0, 1, 2), AllocatorName);
+
+// ------------------------------------------------------- fresh processes
+
+TEST(CachePoolProcess, PurgingUnderTheMemoryLimitMakesRoomUntilNothingIsLeft) {
+  const zmx_test::ChildResult r = zmx_test::RunProbe("pools_probe", "limit");
+  ASSERT_TRUE(zmx_test::ExitedCleanly(r));
+  EXPECT_EQ(r.out,
+            "filled more than 50 items: 1\n"
+            "while filling purged: 0\n"
+            "extra block served: 1\n"
+            "for the extra block purged: 1\n"
+            "remaining data intact: 1\n"
+            "nothing purgeable: null=1 status=-1\n"
+            "for the refused block purged:\n");
+}
+
+TEST(CachePoolProcess, AHandleThatNamesNothingAborts) {
+  const zmx_test::ChildResult r = zmx_test::RunProbe("pools_probe", "bad_handle");
+  EXPECT_EQ(r.signal, SIGABRT) << zmx_test::Describe(r);
+  EXPECT_EQ(r.err, "ERROR: mem_CachePool: invalid handle 0x00000004 (block not in use)\n");
+  EXPECT_EQ(r.out, "");
+}
+
+}  // namespace
