@@ -1,6 +1,8 @@
 // Table, markdown and SVG output for benchmark reports.
 #include "bench_report.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -11,7 +13,11 @@
 namespace zmx_bench {
 
 void Report::Add(const std::string& workload, const std::string& contender, double value, const std::string& unit) {
-  entries_.push_back(Entry{workload, contender, unit, value});
+  entries_.push_back(Entry{workload, contender, unit, value, std::string()});
+}
+
+void Report::AddNote(const std::string& workload, const std::string& contender, const std::string& why) {
+  entries_.push_back(Entry{workload, contender, std::string(), 0, why});
 }
 
 std::vector<std::string> Report::Workloads() const {
@@ -42,6 +48,11 @@ double Report::Ratio(const std::string& workload, const std::string& contender, 
   return direction_ == RatioDirection::BaselineAhead ? 1.0 / contenderAgainstBaseline : contenderAgainstBaseline;
 }
 
+double Report::Value(const std::string& workload, const std::string& contender) const {
+  const Entry* e = Find(workload, contender);
+  return e == nullptr ? 0 : e->value;
+}
+
 std::string Report::AboveOneMeans(const std::string& baseline) const {
   return direction_ == RatioDirection::BaselineAhead ? baseline + " ahead" : "better than " + baseline;
 }
@@ -55,7 +66,11 @@ std::string Report::MarkdownText(const std::string& baseline) const {
     for (const std::string& c : Contenders()) {
       const Entry* e = Find(w, c);
       if (e == nullptr) continue;
-      std::snprintf(buf, sizeof buf, "%.4g %s | %.2f", e->value, e->unit.c_str(), Ratio(w, c, baseline));
+      if (e->note.empty()) {
+        std::snprintf(buf, sizeof buf, "%.4g %s | %.2f", e->value, e->unit.c_str(), Ratio(w, c, baseline));
+      } else {
+        std::snprintf(buf, sizeof buf, "%s | -", e->note.c_str());
+      }
       out << "| " << w << " | " << c << " | " << buf << " |\n";
     }
   }
@@ -71,6 +86,10 @@ void Report::PrintTable(const std::string& baseline) const {
     for (const std::string& c : Contenders()) {
       const Entry* e = Find(w, c);
       if (e == nullptr) continue;
+      if (!e->note.empty()) {
+        std::printf("%-*s %-22s %s\n", width, w.c_str(), c.c_str(), e->note.c_str());
+        continue;
+      }
       char value[64];
       std::snprintf(value, sizeof value, "%.4g %s", e->value, e->unit.c_str());
       std::printf("%-*s %-22s %16s %10.2f\n", width, w.c_str(), c.c_str(), value, Ratio(w, c, baseline));
@@ -151,6 +170,13 @@ double PeakResidentMiB() {
     if (line.rfind("VmHWM:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
   }
   return 0;
+}
+
+double ResidentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  double sizePages = 0, residentPages = 0;
+  if (!(statm >> sizePages >> residentPages)) return 0;
+  return residentPages * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
 }  // namespace zmx_bench
