@@ -4,7 +4,7 @@
 
 #include "mem/allocation.h"
 #include "mem/internal/alloc_table.h"
-#include "mem/internal/small_object_hooks.h"
+#include "mem/internal/small_object_routing.h"
 #include "mem/internal/tracker_hooks.h"
 
 using namespace zmx::mem_internal;
@@ -30,7 +30,7 @@ inline bool IsSmallObjectForMemFree(const void* block) {
 extern "C" {
 
 void* mem_Malloc(std::size_t size) {
-  void* block = (g_switches.tinyForMemMalloc && size <= kLargestTiny) ? g_smallObjects.allocate(size, true)
+  void* block = (g_switches.tinyForMemMalloc && size <= kLargestTiny) ? SmallAllocate(size, true)
                                                             : g_table.malloc(size);
   if (ZMX_UNLIKELY(TrackingOn(g_trackMalloc))) Tracker().RecordMalloc(block, size);
   return block;
@@ -39,13 +39,13 @@ void* mem_Malloc(std::size_t size) {
 void mem_Free(void* block) {
   if (ZMX_UNLIKELY(TrackingOn(g_trackFree))) Tracker().RecordFree(block);
   if (IsSmallObjectForMemFree(block))
-    g_smallObjects.free(block);
+    SmallFree(block);
   else
     g_table.free(block);
 }
 
 void* mem_Realloc(void* block, std::size_t size) {
-  void* result = IsSmallObjectForMemFree(block) ? g_smallObjects.reallocate(block, size)
+  void* result = IsSmallObjectForMemFree(block) ? SmallReallocate(block, size)
                                                 : g_table.realloc(block, size);
   if (ZMX_UNLIKELY(TrackingOn(g_trackRealloc))) Tracker().RecordRealloc(result, block, size);
   return result;

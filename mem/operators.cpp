@@ -7,7 +7,7 @@
 
 #include "mem/allocation.h"
 #include "mem/internal/alloc_table.h"
-#include "mem/internal/small_object_hooks.h"
+#include "mem/internal/small_object_routing.h"
 #include "mem/internal/tracker_hooks.h"
 
 using namespace zmx::mem_internal;
@@ -23,7 +23,7 @@ class BadAllocation final : public std::bad_alloc {
 // ---------------------------------------------------------------- new path
 
 inline void* AllocateForNew(std::size_t size) {
-  if (g_switches.tinyForOperatorNew && size <= kLargestTiny) return g_smallObjects.allocate(size, true);
+  if (g_switches.tinyForOperatorNew && size <= kLargestTiny) return SmallAllocate(size, true);
   return g_table.malloc(size);
 }
 
@@ -92,7 +92,7 @@ inline void DeletePath(void* block, int& cache) {
   if (block == nullptr) return;
   if (ZMX_UNLIKELY(TrackingOn(cache))) Tracker().RecordDelete(block);
   if (g_switches.tinyForOperatorDelete && HasSmallObjectMark(block))
-    g_smallObjects.free(block);
+    SmallFree(block);
   else
     g_table.free(block);
 }

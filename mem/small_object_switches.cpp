@@ -5,26 +5,25 @@
 #include "mem/allocation.h"
 #include "mem/internal/alloc_table.h"
 #include "mem/internal/small_object_hooks.h"
+#include "mem/pools/internal/small_objects.h"
 
 namespace zmx {
 namespace mem_internal {
 
 namespace {
 
-// Until the small-object allocator is installed, small requests are served by
-// the chosen heap; those blocks carry no page mark and so never come back here.
-void* HeapAllocate(std::size_t size, bool) { return g_table.malloc(size == 0 ? 1 : size); }
-void HeapFree(void* block) { g_table.free(block); }
-void* HeapReallocate(void* block, std::size_t size) { return g_table.realloc(block, size); }
-void HeapSetLocking(bool) {}  // the heap locks itself
+void* AllocatorAllocate(std::size_t size, bool lockWanted) { return small_objects::Allocate(size, lockWanted); }
+void AllocatorFree(void* block) { small_objects::Free(block); }
 
 }  // namespace
 
-SmallObjectOps g_smallObjects = {HeapAllocate, HeapFree, HeapReallocate, HeapSetLocking};
+SmallObjectOps g_smallObjects = {AllocatorAllocate, AllocatorFree, small_objects::Reallocate, small_objects::SetLocking};
+bool g_smallObjectStandIn = false;
 
 SmallObjectOps InstallSmallObjectOps(const SmallObjectOps& ops) {
   const SmallObjectOps previous = g_smallObjects;
   g_smallObjects = ops;
+  g_smallObjectStandIn = true;
   return previous;
 }
 

@@ -47,6 +47,11 @@ ZMXUTI_INTERNAL_API void CloseEvent(Event* event);
 ZMXUTI_INTERNAL_API void SignalEvent(Event* event);
 ZMXUTI_INTERNAL_API void WaitEvent(Event* event);
 
+// ---- threads ----
+// True while the process has only ever had one thread: a lock that no other
+// thread can reach may then be skipped (inline, platform/<os>/threads_inline.h).
+inline bool ProcessIsSingleThreaded();
+
 // ---- runtime locale ----
 // Whether the calling thread runs under the process-wide locale (the one
 // setlocale sets) rather than a locale of its own.
@@ -54,5 +59,7 @@ bool ThreadUsesGlobalLocale();
 
 }  // namespace platform
 }  // namespace zmx
+
+#include "platform/linux/threads_inline.h"
 
 #endif  // ZMXUTI_PLATFORM_PLATFORM_H

@@ -1,7 +1,5 @@
-// The small-object allocator as the front door sees it: four operations that
-// the allocator's implementation installs. Until one is installed, the default
-// serves small requests from the chosen heap (unmarked blocks, so they are
-// never routed back here).
+// The small-object allocator as the front door sees it: four operations, the
+// allocator of mem/pools by default; tests may install a stand-in.
 #ifndef ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_HOOKS_H
 #define ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_HOOKS_H
 
@@ -27,6 +25,8 @@ struct SmallObjectOps {
 };
 
 extern SmallObjectOps g_smallObjects;
+// True once a stand-in was installed (the front door then calls through the hooks).
+extern bool g_smallObjectStandIn;
 
 // Installs `ops` (all four set); returns the previous operations.
 ZMXUTI_INTERNAL_API SmallObjectOps InstallSmallObjectOps(const SmallObjectOps& ops);

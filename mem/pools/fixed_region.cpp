@@ -37,7 +37,7 @@ bool mem_FixedRegion::Free(int* array, int position) {
 
 void mem_FixedRegion::DebugPrint() { std::printf("FixedRegion: AllocCount = %d\n", inUse_); }
 
-const char* mem_FixedRegion::SlotProblem(int position) const {
+const char* mem_FixedRegion::DescribeSlotProblem(int position) const {
   const long pos = static_cast<long>(position) - static_cast<long>(base_);
   if (pos < first_ || pos > capacity_ - slotWords_) return "position outside the slots";
   if ((pos - first_) % slotWords_ != 0) return "position not at a slot";

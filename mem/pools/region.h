@@ -15,6 +15,7 @@
 #define ZMXUTI_MEM_POOLS_REGION_H
 
 #include <cstddef>
+#include <cstdint>
 
 #include "core/export.h"
 
@@ -45,6 +46,19 @@ class ZMXUTI_API mem_Region {
   int first_;
   int capacity_;
 };
+
+// ceil(2^32 / d) for slot sizes d = 1..32 words: slot-boundary tests multiply instead of dividing.
+namespace zmx_region_detail {
+constexpr int kLargestTabulatedSlot = 32;
+constexpr std::uint64_t Reciprocal(int d) { return 0xFFFFFFFFull / static_cast<unsigned int>(d) + 1; }
+template <int... D>
+struct ReciprocalTable {
+  static constexpr std::uint64_t values[sizeof...(D) + 1] = {0, Reciprocal(D)...};
+};
+constexpr const std::uint64_t* kSlotReciprocals =
+    ReciprocalTable<1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26,
+                    27, 28, 29, 30, 31, 32>::values;
+}  // namespace zmx_region_detail
 
 // Slots of one size threaded on a free list through the free slots themselves;
 // a slot word of -1 marks the frontier beyond which no slot was ever handed out.
@@ -89,9 +103,25 @@ class ZMXUTI_API mem_FixedRegion : public mem_Region {
   }
   // Null when `position` can be a slot in use; otherwise what is wrong with it
   // (outside the slots, not on a slot boundary, the slot just freed, region empty).
-  const char* SlotProblem(int position) const;
+  const char* SlotProblem(int position) const {
+    const unsigned int pos = static_cast<unsigned int>(position) - base_ - static_cast<unsigned int>(first_);
+    const unsigned int span = static_cast<unsigned int>(capacity_ - slotWords_ - first_);
+    if (ZMX_LIKELY(pos <= span && OnSlotGrid(pos) && inUse_ > 0 && position - static_cast<int>(base_) != head_))
+      return nullptr;
+    return DescribeSlotProblem(position);
+  }
 
  private:
+  // Whether `offset` words past the first slot is a slot boundary: a division by
+  // the slot size, done as a multiplication (exact for offsets below 2^16).
+  bool OnSlotGrid(unsigned int offset) const {
+    if (ZMX_UNLIKELY(slotWords_ > zmx_region_detail::kLargestTabulatedSlot)) return offset % static_cast<unsigned int>(slotWords_) == 0;
+    const std::uint64_t reciprocal = zmx_region_detail::kSlotReciprocals[slotWords_];
+    const unsigned int slot = static_cast<unsigned int>((offset * reciprocal) >> 32);
+    return slot * static_cast<unsigned int>(slotWords_) == offset;
+  }
+  const char* DescribeSlotProblem(int position) const;
+
   int head_;       // free-list head, relative to the base index
   int slotWords_;  // slot size in words
 };

@@ -1,0 +1,25 @@
+// How the front door reaches the small-object allocator: inline calls into the
+// allocator, unless a test has installed a stand-in through the hooks.
+#ifndef ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_ROUTING_H
+#define ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_ROUTING_H
+
+#include "mem/internal/small_object_hooks.h"
+#include "mem/pools/internal/small_objects.h"
+
+namespace zmx {
+namespace mem_internal {
+
+inline void* SmallAllocate(std::size_t size, bool lockWanted) {
+  if (ZMX_UNLIKELY(g_smallObjectStandIn)) return g_smallObjects.allocate(size, lockWanted);
+  return small_objects::Allocate(size, lockWanted);
+}
+inline void SmallFree(void* block) {
+  if (ZMX_UNLIKELY(g_smallObjectStandIn)) return g_smallObjects.free(block);
+  small_objects::Free(block);
+}
+inline void* SmallReallocate(void* block, std::size_t size) { return g_smallObjects.reallocate(block, size); }
+
+}  // namespace mem_internal
+}  // namespace zmx
+
+#endif  // ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_ROUTING_H
