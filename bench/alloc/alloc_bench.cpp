@@ -1,10 +1,14 @@
 // Allocator benchmark: the library's general heap (mem_Malloc/mem_Free, new/delete,
-// and with its lock switched off) against glibc malloc, mimalloc, jemalloc and
+// and with its lock switched off) and its small-object path (mem_TBAllocator(2),
+// small-object lock off and on) against glibc malloc, mimalloc, jemalloc and
 // tcmalloc on the same workloads. Run without arguments it starts one child
 // process per (contender, workload) -- peers that replace malloc are preloaded
-// into their child -- and prints ops/s, the ratio to glibc and peak resident
-// memory, then writes alloc_bench.md and alloc_bench.svg.
-//   alloc_bench [--quick] [--rounds N] [--out DIR]   the whole comparison
+// into their child -- and prints ops/s, the ratio to glibc, peak resident memory,
+// resident bytes per live 32-byte block and the small-object targets, then writes
+// alloc_bench.md, alloc_bench_rss.md and their charts.
+//   alloc_bench [--quick] [--small] [--rounds N] [--out DIR]   the whole comparison
+//     --quick  a fifth of the operations, one round
+//     --small  only the small-object workloads and the contenders they are judged against
 //   alloc_bench --child CONTENDER WORKLOAD   one measurement (internal)
 #include <sys/resource.h>
 #include <unistd.h>
@@ -15,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -189,67 +194,214 @@ std::size_t LarsonThreads(unsigned threads) {
   return count;
 }
 
+// ------------------------------------------------------ small-object workloads
+// Blocks of 16 to 128 bytes, the sizes mem_TBAllocator(2) sends to the small-object allocator.
+
+std::size_t TinySize(std::mt19937_64& rng) { return 16 + rng() % 113; }
+
+std::size_t TinyRandom() { return SlotChurn(Ops(3000000), 10000, TinySize, 5); }
+
+// Blocks come and go in batches of varying length: a batch is allocated, then
+// freed whole, in allocation order and in reverse order by turns.
+std::size_t TinyBatches() {
+  std::mt19937_64 rng(6);
+  std::vector<void*> batch(8192, nullptr);
+  const std::size_t target = Ops(3000000);
+  std::size_t count = 0;
+  for (std::size_t round = 0; count < target; ++round) {
+    const std::size_t n = 256 + rng() % (batch.size() - 255);
+    for (std::size_t i = 0; i < n; ++i) {
+      const std::size_t size = TinySize(rng);
+      batch[i] = Alloc(size);
+      Touch(batch[i], size);
+    }
+    if (round % 2 == 0) {
+      for (std::size_t i = 0; i < n; ++i) Release(batch[i]);
+    } else {
+      for (std::size_t i = n; i-- > 0;) Release(batch[i]);
+    }
+    count += 2 * n;
+  }
+  return count;
+}
+
+// A large long-lived population grows while short-lived blocks churn around it,
+// so the survivors end up scattered among freed slots; the churn goes on after.
+std::size_t TinyLongLivedChurn() {
+  std::mt19937_64 rng(7);
+  const std::size_t population = Ops(200000);
+  std::vector<void*> longLived;
+  longLived.reserve(population);
+  std::vector<void*> churn(1024, nullptr);
+  const std::size_t ops = Ops(3000000);
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < ops; ++i) {
+    if (i % 4 == 0 && longLived.size() < population) {
+      const std::size_t n = TinySize(rng);
+      longLived.push_back(Alloc(n));
+      Touch(longLived.back(), n);
+      ++count;
+    }
+    void*& slot = churn[rng() % churn.size()];
+    if (slot) Release(slot), ++count;
+    const std::size_t n = TinySize(rng);
+    slot = Alloc(n);
+    Touch(slot, n);
+    ++count;
+  }
+  for (void* p : churn)
+    if (p) Release(p), ++count;
+  for (void* p : longLived) Release(p), ++count;
+  return count;
+}
+
+// Resident set growth per live block, measured on the first run in a child (a
+// fresh process); later runs reuse memory the first one brought in.
+double g_residentPerBlock = 0;
+
+std::size_t LiveBlocks32() {
+  constexpr std::size_t kBlocks = 1000000, kSize = 32;
+  std::vector<void*> blocks(kBlocks, nullptr);  // resident before the first measurement
+  const double before = zmx_bench::ResidentBytes();
+  for (void*& p : blocks) {
+    p = Alloc(kSize);
+    Touch(p, kSize);
+  }
+  const double after = zmx_bench::ResidentBytes();
+  if (g_residentPerBlock == 0) g_residentPerBlock = (after - before) / static_cast<double>(kBlocks);
+  for (void* p : blocks) Release(p);
+  return 2 * kBlocks;
+}
+
 struct Workload {
   const char* name;
   std::size_t (*run)();
   bool threaded;
+  bool small;  // a small-object workload: run by --small
 };
 
+const char* const kTinyRandom = "tiny 16-128 B random";
+const char* const kTinyBatches = "tiny batches";
+const char* const kTinyLongLived = "tiny long-lived+churn";
+const char* const kLiveBlocks = "1M live 32 B blocks";
+
 const Workload kWorkloads[] = {
-    {"small 8-512 B", SmallRandom, false},
-    {"power-law to 1 MiB", PowerLaw, false},
-    {"realloc growth", ReallocGrowth, false},
-    {"long+short mix", LongShortMix, false},
-    {"larson 2 threads", [] { return LarsonThreads(2); }, true},
+    {"small 8-512 B", SmallRandom, false, false},
+    {"power-law to 1 MiB", PowerLaw, false, false},
+    {"realloc growth", ReallocGrowth, false, false},
+    {"long+short mix", LongShortMix, false, false},
+    {"larson 2 threads", [] { return LarsonThreads(2); }, true, false},
+    {kTinyRandom, TinyRandom, false, true},
+    {kTinyBatches, TinyBatches, false, true},
+    {kTinyLongLived, TinyLongLivedChurn, false, true},
+    {kLiveBlocks, LiveBlocks32, false, true},
 };
+constexpr std::size_t kWorkloadCount = sizeof kWorkloads / sizeof kWorkloads[0];
+
+// ------------------------------------------------------------- contenders
+
+// What a child switches on in the library before it measures.
+enum class Setup { kDefault, kHeapLockOff, kSmallObjects, kSmallObjectsLocked };
+
+struct Contender {
+  const char* name;
+  Api api;
+  Setup setup;
+  const char* preload;  // shared library replacing malloc, or null
+  bool singleThreadedOnly;
+  bool small;  // judged against on the small-object workloads: run by --small
+};
+
+const char* const kGlibc = "glibc";
+const char* const kMimalloc = "mimalloc";
+const char* const kGeneralHeap = "zmx mem_Malloc";
+const char* const kSmallObjects = "zmx small-objects";
+const char* const kSmallObjectsLocked = "zmx small-objects+lock";
+
+const Contender kContenders[] = {
+    {kGlibc, Api::kSystemMalloc, Setup::kDefault, nullptr, false, true},
+    {kGeneralHeap, Api::kMemMalloc, Setup::kDefault, nullptr, false, true},
+    {"zmx new/delete", Api::kNewDelete, Setup::kDefault, nullptr, false, false},
+    {"zmx no lock", Api::kMemMalloc, Setup::kHeapLockOff, nullptr, true, false},
+    {kSmallObjects, Api::kMemMalloc, Setup::kSmallObjects, nullptr, true, true},
+    {kSmallObjectsLocked, Api::kMemMalloc, Setup::kSmallObjectsLocked, nullptr, false, true},
+    {kMimalloc, Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libmimalloc.so.2", false, true},
+    {"jemalloc", Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libjemalloc.so.2", false, true},
+    {"tcmalloc", Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libtcmalloc_minimal.so.4", false,
+     true},
+};
+constexpr std::size_t kContenderCount = sizeof kContenders / sizeof kContenders[0];
+
+void Prepare(Setup setup) {
+  switch (setup) {
+    case Setup::kHeapLockOff:
+      mem_Mallopt(-4, 0);
+      mem_Mallopt(-1, 2097152);  // the next call brings the switch into force
+      break;
+    case Setup::kSmallObjects:
+    case Setup::kSmallObjectsLocked: {
+      const char* forced = std::getenv("ZMX_TBMALLOC");
+      if (forced != nullptr && forced[0] == '0') std::fprintf(stderr, "ZMX_TBMALLOC keeps small objects off\n");
+      mem_TBAllocator(2);  // mem_Malloc and new route blocks up to 128 bytes to small objects
+      // The lock is off by default; switching it on needs the routing already on.
+      if (setup == Setup::kSmallObjectsLocked) mem_TBThreadLock(true);
+      break;
+    }
+    default:
+      break;
+  }
+}
 
 // --------------------------------------------------------------- a child
 
-int RunChild(const std::string& contender, const std::string& workloadName) {
-  if (contender == "zmx mem_Malloc" || contender == "zmx no lock") {
-    g_api = Api::kMemMalloc;
-  } else if (contender == "zmx new/delete") {
-    g_api = Api::kNewDelete;
-  } else {
-    g_api = Api::kSystemMalloc;
+int RunChild(const std::string& contenderName, const std::string& workloadName) {
+  const Contender* contender = nullptr;
+  for (const Contender& c : kContenders)
+    if (contenderName == c.name) contender = &c;
+  const Workload* workload = nullptr;
+  for (const Workload& w : kWorkloads)
+    if (workloadName == w.name) workload = &w;
+  if (contender == nullptr || workload == nullptr) return 2;
+  g_api = contender->api;
+  Prepare(contender->setup);
+  double best = 0;
+  std::size_t ops = 0;
+  for (int rep = 0; rep < 3; ++rep) {
+    const auto start = std::chrono::steady_clock::now();
+    ops = workload->run();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (ops / seconds > best) best = ops / seconds;
   }
-  if (contender == "zmx no lock") {
-    mem_Mallopt(-4, 0);
-    mem_Mallopt(-1, 2097152);  // the next call brings the switch into force
-  }
-  for (const Workload& w : kWorkloads) {
-    if (workloadName != w.name) continue;
-    double best = 0;
-    std::size_t ops = 0;
-    for (int rep = 0; rep < 3; ++rep) {
-      const auto start = std::chrono::steady_clock::now();
-      ops = w.run();
-      const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-      if (ops / seconds > best) best = ops / seconds;
-    }
-    // The third number (operations per repetition) is for instruction-count runs.
-    std::printf("%.0f %.1f %zu\n", best, zmx_bench::PeakResidentMiB(), ops);
-    return 0;
-  }
-  return 2;
+  // The third number (operations per repetition) is for instruction-count runs;
+  // the fourth is resident bytes per live block, 0 where the workload does not measure it.
+  std::printf("%.0f %.1f %zu %.2f\n", best, zmx_bench::PeakResidentMiB(), ops, g_residentPerBlock);
+  return 0;
 }
 
 // -------------------------------------------------------------- the driver
 
-struct Contender {
-  const char* name;
-  const char* preload;  // shared library replacing malloc, or null
-  bool singleThreadedOnly;
+struct Result {
+  double opsPerSecond = 0;
+  double peak = 0;
+  double residentPerBlock = 0;
+  bool ok = false;
 };
 
-const Contender kContenders[] = {
-    {"glibc", nullptr, false},
-    {"zmx mem_Malloc", nullptr, false},
-    {"zmx new/delete", nullptr, false},
-    {"zmx no lock", nullptr, true},
-    {"mimalloc", "/usr/lib/x86_64-linux-gnu/libmimalloc.so.2", false},
-    {"jemalloc", "/usr/lib/x86_64-linux-gnu/libjemalloc.so.2", false},
-    {"tcmalloc", "/usr/lib/x86_64-linux-gnu/libtcmalloc_minimal.so.4", false},
+struct Plan {
+  std::string self;        // this program, started once per child
+  const char* scaleText;   // passed to every child
+  bool small;              // only the small-object workloads and their contenders
+  bool present[kContenderCount];
+  Result results[kContenderCount][kWorkloadCount];
+
+  bool Selected(std::size_t ci, std::size_t wi) const {
+    return present[ci] && (!small || (kContenders[ci].small && kWorkloads[wi].small));
+  }
+  // A contender without a lock is kept off workloads with several threads.
+  bool LeftOutForThreads(std::size_t ci, std::size_t wi) const {
+    return kWorkloads[wi].threaded && kContenders[ci].singleThreadedOnly;
+  }
+  bool Runs(std::size_t ci, std::size_t wi) const { return Selected(ci, wi) && !LeftOutForThreads(ci, wi); }
 };
 
 std::string SelfPath() {
@@ -258,71 +410,172 @@ std::string SelfPath() {
   return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : std::string("alloc_bench");
 }
 
+// One child: a fresh process, the peer preloaded where there is one.
+bool RunOne(const Plan& plan, const Contender& c, const Workload& w, Result& out) {
+  std::string cmd;
+  if (c.preload) cmd += std::string("LD_PRELOAD=") + c.preload + " ";
+  cmd += "'" + plan.self + "' --child '" + c.name + "' '" + w.name + "' " + plan.scaleText;
+  FILE* pipe = popen(cmd.c_str(), "r");
+  if (pipe == nullptr) return false;
+  std::size_t ops = 0;
+  const bool ok =
+      std::fscanf(pipe, "%lf %lf %zu %lf", &out.opsPerSecond, &out.peak, &ops, &out.residentPerBlock) == 4;
+  pclose(pipe);
+  return ok;
+}
+
 // The machine may be shared, so its load drifts: every contender runs each
 // workload once per round, the rounds interleave the contenders, and each keeps
 // its best round. No contender is measured only in a quiet or a busy stretch.
-int RunDriver(const std::string& outDir, const char* scaleText, int rounds) {
-  zmx_bench::Report speed("Allocator throughput (ops/s)", true);
-  zmx_bench::Report memory("Allocator peak resident memory (MiB)", false);
-  const std::string self = SelfPath();
-  constexpr std::size_t kContenderCount = sizeof kContenders / sizeof kContenders[0];
-  constexpr std::size_t kWorkloadCount = sizeof kWorkloads / sizeof kWorkloads[0];
-  struct Result {
-    double opsPerSecond = 0;
-    double peak = 0;
-    bool ok = false;
-  };
-  Result results[kContenderCount][kWorkloadCount];
-  bool present[kContenderCount];
-  for (std::size_t ci = 0; ci < kContenderCount; ++ci) {
-    const Contender& c = kContenders[ci];
-    present[ci] = !(c.preload && access(c.preload, R_OK) != 0);
-    if (!present[ci]) std::fprintf(stderr, "skipping %s: %s not installed\n", c.name, c.preload);
-  }
+void Measure(Plan& plan, int rounds) {
   for (int round = 0; round < rounds; ++round) {
     for (std::size_t wi = 0; wi < kWorkloadCount; ++wi) {
-      const Workload& w = kWorkloads[wi];
       for (std::size_t ci = 0; ci < kContenderCount; ++ci) {
+        if (!plan.Runs(ci, wi)) continue;
         const Contender& c = kContenders[ci];
-        if (!present[ci] || (w.threaded && c.singleThreadedOnly)) continue;
-        std::string cmd;
-        if (c.preload) cmd += std::string("LD_PRELOAD=") + c.preload + " ";
-        cmd += "'" + self + "' --child '" + c.name + "' '" + w.name + "' " + scaleText;
-        FILE* pipe = popen(cmd.c_str(), "r");
-        double opsPerSecond = 0, peak = 0;
-        const bool ok = pipe && std::fscanf(pipe, "%lf %lf", &opsPerSecond, &peak) == 2;
-        if (pipe) pclose(pipe);
-        if (!ok) {
+        const Workload& w = kWorkloads[wi];
+        Result now;
+        if (!RunOne(plan, c, w, now)) {
           std::fprintf(stderr, "%s / %s: no result\n", c.name, w.name);
           continue;
         }
-        std::fprintf(stderr, "round %d %-16s %-20s %12.0f ops/s %8.1f MiB\n", round + 1, c.name, w.name,
-                     opsPerSecond, peak);
-        Result& r = results[ci][wi];
-        if (opsPerSecond > r.opsPerSecond) r.opsPerSecond = opsPerSecond;
-        // Peak memory hardly varies between rounds; keep the smallest for every contender alike.
-        if (!r.ok || peak < r.peak) r.peak = peak;
+        std::fprintf(stderr, "round %d %-22s %-22s %12.0f ops/s %8.1f MiB\n", round + 1, c.name, w.name,
+                     now.opsPerSecond, now.peak);
+        Result& r = plan.results[ci][wi];
+        if (now.opsPerSecond > r.opsPerSecond) r.opsPerSecond = now.opsPerSecond;
+        // Memory hardly varies between rounds; keep the smallest for every contender alike.
+        if (!r.ok || now.peak < r.peak) r.peak = now.peak;
+        if (!r.ok || now.residentPerBlock < r.residentPerBlock) r.residentPerBlock = now.residentPerBlock;
         r.ok = true;
       }
     }
   }
+}
+
+struct Reports {
+  zmx_bench::Report speed{"Allocator throughput (ops/s)", true};
+  Reports() { speed.SetLogScaleChart(true); }  // ratios to glibc run from a tenth to twenty
+  zmx_bench::Report memory{"Allocator peak resident memory (MiB)", false};
+  zmx_bench::Report perBlock{"Resident memory per live 32-byte block (bytes)", false};
+};
+
+void Fill(const Plan& plan, Reports& reports) {
   for (std::size_t ci = 0; ci < kContenderCount; ++ci) {
+    const Contender& c = kContenders[ci];
     for (std::size_t wi = 0; wi < kWorkloadCount; ++wi) {
-      const Result& r = results[ci][wi];
+      const Workload& w = kWorkloads[wi];
+      const Result& r = plan.results[ci][wi];
+      if (plan.Selected(ci, wi) && plan.LeftOutForThreads(ci, wi)) {
+        reports.speed.AddNote(w.name, c.name, "skipped: no lock, one thread only");
+        reports.memory.AddNote(w.name, c.name, "skipped: no lock, one thread only");
+      }
       if (!r.ok) continue;
-      speed.Add(kWorkloads[wi].name, kContenders[ci].name, r.opsPerSecond, "ops/s");
-      memory.Add(kWorkloads[wi].name, kContenders[ci].name, r.peak, "MiB");
+      reports.speed.Add(w.name, c.name, r.opsPerSecond, "ops/s");
+      reports.memory.Add(w.name, c.name, r.peak, "MiB");
+      if (r.residentPerBlock > 0) reports.perBlock.Add(w.name, c.name, r.residentPerBlock, "B");
     }
   }
+}
+
+// ------------------------------------------------------------- the targets
+
+struct Target {
+  std::string what, workload, figures, goal;
+  bool known = false, met = false;
+};
+
+// Throughput of `contender` over `baseline`, to reach 1.0 on every small-object workload.
+void AddSpeedTargets(const zmx_bench::Report& speed, const char* contender, const char* baseline,
+                     std::vector<Target>& out) {
+  for (const char* workload : {kTinyRandom, kTinyBatches, kTinyLongLived}) {
+    Target t;
+    t.what = std::string(contender) + " vs " + baseline + ", ops/s";
+    t.workload = workload;
+    t.goal = ">= 1.00x";
+    const double ratio = speed.Ratio(workload, contender, baseline);
+    t.known = ratio > 0;
+    t.met = ratio >= 1.0;
+    char buf[96];
+    std::snprintf(buf, sizeof buf, "%.2fx (%.1f vs %.1f Mops/s)", ratio, speed.Value(workload, contender) / 1e6,
+                  speed.Value(workload, baseline) / 1e6);
+    t.figures = buf;
+    out.push_back(t);
+  }
+}
+
+std::vector<Target> Targets(const Reports& reports) {
+  std::vector<Target> targets;
+  AddSpeedTargets(reports.speed, kSmallObjects, kMimalloc, targets);
+  AddSpeedTargets(reports.speed, kSmallObjectsLocked, kGlibc, targets);
+  Target t;
+  t.what = std::string(kSmallObjects) + " vs " + kGlibc + ", B/block";
+  t.workload = kLiveBlocks;
+  t.goal = "below glibc";
+  const double ours = reports.perBlock.Value(kLiveBlocks, kSmallObjects);
+  const double glibc = reports.perBlock.Value(kLiveBlocks, kGlibc);
+  t.known = ours > 0 && glibc > 0;
+  t.met = ours < glibc;
+  char buf[96];
+  std::snprintf(buf, sizeof buf, "%.2f vs %.2f B per block", ours, glibc);
+  t.figures = buf;
+  targets.push_back(t);
+  return targets;
+}
+
+const char* Verdict(const Target& t) { return !t.known ? "n/a" : t.met ? "met" : "MISSED"; }
+
+void PrintTargets(const std::vector<Target>& targets) {
+  std::printf("\n== small-object targets ==\n%-40s %-22s %-12s %-7s %s\n", "target", "workload", "goal", "result",
+              "figures");
+  for (const Target& t : targets)
+    std::printf("%-40s %-22s %-12s %-7s %s\n", t.what.c_str(), t.workload.c_str(), t.goal.c_str(), Verdict(t),
+                t.figures.c_str());
+}
+
+std::string TargetsMarkdown(const std::vector<Target>& targets) {
+  std::string text = "## Small-object targets\n\n| target | workload | goal | result | figures |\n|---|---|---|---|---|\n";
+  for (const Target& t : targets)
+    text += "| " + t.what + " | " + t.workload + " | " + t.goal + " | " + Verdict(t) + " | " + t.figures + " |\n";
+  return text;
+}
+
+// ------------------------------------------------------------- publishing
+
+void Publish(const Reports& reports, const std::string& outDir) {
   std::printf("\n== throughput, ratio to glibc (above 1 is faster) ==\n");
-  speed.PrintTable("glibc");
+  reports.speed.PrintTable(kGlibc);
   std::printf("\n== peak resident memory, ratio to glibc (above 1 is smaller) ==\n");
-  memory.PrintTable("glibc");
-  speed.WriteMarkdown(outDir + "/alloc_bench.md", "glibc");
-  memory.WriteMarkdown(outDir + "/alloc_bench_rss.md", "glibc");
-  speed.WriteSvg(outDir + "/alloc_bench.svg", "glibc");
-  memory.WriteSvg(outDir + "/alloc_bench_rss.svg", "glibc");
-  std::printf("\nwrote %s/alloc_bench.md, alloc_bench_rss.md, alloc_bench.svg, alloc_bench_rss.svg\n", outDir.c_str());
+  reports.memory.PrintTable(kGlibc);
+  std::printf("\n== resident bytes per live 32-byte block, ratio to glibc (above 1 is smaller) ==\n");
+  reports.perBlock.PrintTable(kGlibc);
+  const std::vector<Target> targets = Targets(reports);
+  PrintTargets(targets);
+  std::ofstream md(outDir + "/alloc_bench.md");
+  md << TargetsMarkdown(targets) << "\n" << reports.speed.MarkdownText(kGlibc) << "\n"
+     << reports.perBlock.MarkdownText(kGlibc);
+  reports.memory.WriteMarkdown(outDir + "/alloc_bench_rss.md", kGlibc);
+  reports.speed.WriteSvg(outDir + "/alloc_bench.svg", kGlibc);
+  reports.memory.WriteSvg(outDir + "/alloc_bench_rss.svg", kGlibc);
+  reports.perBlock.WriteSvg(outDir + "/alloc_bench_block.svg", kGlibc);
+  std::printf("\nwrote %s/alloc_bench.md, alloc_bench_rss.md, alloc_bench.svg, alloc_bench_rss.svg, "
+              "alloc_bench_block.svg\n",
+              outDir.c_str());
+}
+
+int RunDriver(const std::string& outDir, const char* scaleText, int rounds, bool small) {
+  Plan plan;
+  plan.self = SelfPath();
+  plan.scaleText = scaleText;
+  plan.small = small;
+  for (std::size_t ci = 0; ci < kContenderCount; ++ci) {
+    const Contender& c = kContenders[ci];
+    plan.present[ci] = !(c.preload && access(c.preload, R_OK) != 0);
+    if (!plan.present[ci]) std::fprintf(stderr, "skipping %s: %s not installed\n", c.name, c.preload);
+  }
+  Measure(plan, rounds);
+  Reports reports;
+  Fill(plan, reports);
+  Publish(reports, outDir);
   return 0;
 }
 
@@ -332,6 +585,7 @@ int main(int argc, char** argv) {
   std::string outDir = ".";
   const char* scaleText = "--scale 1";
   int rounds = 3;
+  bool small = false;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if (a == "--child" && i + 2 < argc) {
@@ -340,8 +594,9 @@ int main(int argc, char** argv) {
       return RunChild(argv[i + 1], argv[i + 2]);
     }
     if (a == "--quick") scaleText = "--scale 0.2", rounds = 1;
+    if (a == "--small") small = true;
     if (a == "--rounds" && i + 1 < argc) rounds = std::atoi(argv[++i]) > 0 ? std::atoi(argv[i]) : 1;
     if (a == "--out" && i + 1 < argc) outDir = argv[++i];
   }
-  return RunDriver(outDir, scaleText, rounds);
+  return RunDriver(outDir, scaleText, rounds, small);
 }

@@ -1,6 +1,8 @@
 #!/bin/sh
 # Builds the allocator benchmark in release mode and runs the whole comparison.
-# Usage: bench/alloc/run.sh [--quick]   (results in build-bench/alloc_bench*.md|svg)
+# Usage: bench/alloc/run.sh [--quick] [--small] [--rounds N]   (results in build-bench/alloc_bench*.md|svg)
+#   --quick  a fifth of the operations, one round
+#   --small  only the small-object workloads, against glibc, the general heap and the three peers
 set -e
 root=$(cd "$(dirname "$0")/../.." && pwd)
 build="$root/build-bench"

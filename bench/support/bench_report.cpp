@@ -1,6 +1,8 @@
 // Table, markdown and SVG output for benchmark reports.
 #include "bench_report.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -11,7 +13,11 @@
 namespace zmx_bench {
 
 void Report::Add(const std::string& workload, const std::string& contender, double value, const std::string& unit) {
-  entries_.push_back(Entry{workload, contender, unit, value});
+  entries_.push_back(Entry{workload, contender, unit, value, std::string()});
+}
+
+void Report::AddNote(const std::string& workload, const std::string& contender, const std::string& why) {
+  entries_.push_back(Entry{workload, contender, std::string(), 0, why});
 }
 
 std::vector<std::string> Report::Workloads() const {
@@ -42,6 +48,11 @@ double Report::Ratio(const std::string& workload, const std::string& contender, 
   return direction_ == RatioDirection::BaselineAhead ? 1.0 / contenderAgainstBaseline : contenderAgainstBaseline;
 }
 
+double Report::Value(const std::string& workload, const std::string& contender) const {
+  const Entry* e = Find(workload, contender);
+  return e == nullptr ? 0 : e->value;
+}
+
 std::string Report::AboveOneMeans(const std::string& baseline) const {
   return direction_ == RatioDirection::BaselineAhead ? baseline + " ahead" : "better than " + baseline;
 }
@@ -55,7 +66,11 @@ std::string Report::MarkdownText(const std::string& baseline) const {
     for (const std::string& c : Contenders()) {
       const Entry* e = Find(w, c);
       if (e == nullptr) continue;
-      std::snprintf(buf, sizeof buf, "%.4g %s | %.2f", e->value, e->unit.c_str(), Ratio(w, c, baseline));
+      if (e->note.empty()) {
+        std::snprintf(buf, sizeof buf, "%.4g %s | %.2f", e->value, e->unit.c_str(), Ratio(w, c, baseline));
+      } else {
+        std::snprintf(buf, sizeof buf, "%s | -", e->note.c_str());
+      }
       out << "| " << w << " | " << c << " | " << buf << " |\n";
     }
   }
@@ -71,6 +86,10 @@ void Report::PrintTable(const std::string& baseline) const {
     for (const std::string& c : Contenders()) {
       const Entry* e = Find(w, c);
       if (e == nullptr) continue;
+      if (!e->note.empty()) {
+        std::printf("%-*s %-22s %s\n", width, w.c_str(), c.c_str(), e->note.c_str());
+        continue;
+      }
       char value[64];
       std::snprintf(value, sizeof value, "%.4g %s", e->value, e->unit.c_str());
       std::printf("%-*s %-22s %16s %10.2f\n", width, w.c_str(), c.c_str(), value, Ratio(w, c, baseline));
@@ -100,13 +119,16 @@ bool Report::WriteSvg(const std::string& path, const std::string& baseline) cons
   if (logScaleChart_ && top == bottom) top = bottom * 2;
   const int barWidth = 16, groupGap = 30, plotHeight = 300, left = 60, topMargin = 50;
   const int groupWidth = static_cast<int>(contenders.size()) * barWidth + groupGap;
-  const int width = left + static_cast<int>(workloads.size()) * groupWidth + 200;
+  const int plotRight = left + static_cast<int>(workloads.size()) * groupWidth;  // the legend stands beyond
+  const std::string heading = title_ + " (ratio to " + baseline + ", above 1: " + AboveOneMeans(baseline) +
+                              (logScaleChart_ ? ", logarithmic scale" : "") + ")";
+  // Wide enough for the heading too, over a chart of few workloads (about 9 px a character).
+  const int width = std::max(plotRight + 200, left + 9 * static_cast<int>(heading.size()));
   const int height = topMargin + plotHeight + 120;
   std::ofstream out(path);
   out << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
       << "\" font-family=\"sans-serif\" font-size=\"11\">\n<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n"
-      << "<text x=\"" << left << "\" y=\"20\" font-size=\"15\">" << title_ << " (ratio to " << baseline
-      << ", above 1: " << AboveOneMeans(baseline) << (logScaleChart_ ? ", logarithmic scale" : "") << ")</text>\n";
+      << "<text x=\"" << left << "\" y=\"20\" font-size=\"15\">" << heading << "</text>\n";
   auto y = [&](double ratio) {
     if (!logScaleChart_) return topMargin + plotHeight - static_cast<int>(ratio / top * plotHeight);
     const double span = std::log(top) - std::log(bottom);
@@ -114,7 +136,7 @@ bool Report::WriteSvg(const std::string& path, const std::string& baseline) cons
   };
   // Bars stand on the bottom of a linear chart and on the 1.0 line of a logarithmic one.
   const int barBase = logScaleChart_ ? y(1.0) : topMargin + plotHeight;
-  out << "<line x1=\"" << left << "\" x2=\"" << width - 200 << "\" y1=\"" << y(1.0) << "\" y2=\"" << y(1.0)
+  out << "<line x1=\"" << left << "\" x2=\"" << plotRight << "\" y1=\"" << y(1.0) << "\" y2=\"" << y(1.0)
       << "\" stroke=\"black\" stroke-dasharray=\"4\"/>\n<text x=\"5\" y=\"" << y(1.0) + 4 << "\">1.0</text>\n"
       << "<text x=\"5\" y=\"" << y(top) + 4 << "\">" << static_cast<int>(top * 10) / 10.0 << "</text>\n";
   if (logScaleChart_ && bottom < 1.0) {
@@ -136,8 +158,8 @@ bool Report::WriteSvg(const std::string& path, const std::string& baseline) cons
   }
   for (std::size_t ci = 0; ci < contenders.size(); ++ci) {
     const int ly = topMargin + static_cast<int>(ci) * 16;
-    out << "<rect x=\"" << width - 190 << "\" y=\"" << ly << "\" width=\"12\" height=\"12\" fill=\""
-        << kColours[ci % 10] << "\"/><text x=\"" << width - 172 << "\" y=\"" << ly + 10 << "\">" << contenders[ci]
+    out << "<rect x=\"" << plotRight + 10 << "\" y=\"" << ly << "\" width=\"12\" height=\"12\" fill=\""
+        << kColours[ci % 10] << "\"/><text x=\"" << plotRight + 28 << "\" y=\"" << ly + 10 << "\">" << contenders[ci]
         << "</text>\n";
   }
   out << "</svg>\n";
@@ -151,6 +173,13 @@ double PeakResidentMiB() {
     if (line.rfind("VmHWM:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
   }
   return 0;
+}
+
+double ResidentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  double sizePages = 0, residentPages = 0;
+  if (!(statm >> sizePages >> residentPages)) return 0;
+  return residentPages * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
 }  // namespace zmx_bench

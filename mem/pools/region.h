@@ -126,8 +126,10 @@ class ZMXUTI_API mem_FixedRegion : public mem_Region {
   int slotWords_;  // slot size in words
 };
 
-// Blocks of any size, best fit from an AVL tree of free blocks ordered by size,
-// coalescing on release. Block at position p: word p-2 the preceding block's
+// Blocks of any size, best fit from an AVL tree of free blocks ordered by size
+// then position (the smallest block that holds the request, the lowest position
+// among equal sizes), coalescing on release; a rest of 35 words or more is
+// split off as a free block. Block at position p: word p-2 the preceding block's
 // size, p-1 this block's size (header included; negative when free); a free
 // block's first four data words are its tree node (parent, left, right,
 // height). The object occupies words 0..13 when it lives at the head of its
@@ -135,6 +137,8 @@ class ZMXUTI_API mem_FixedRegion : public mem_Region {
 // header (last block's size, 0).
 class ZMXUTI_API mem_VariableRegion : public mem_Region {
  public:
+  // `capacity` must be a multiple of 4 of at least 24 words (one block of 8
+  // words) and base index + capacity must stay below 2^31; aborts otherwise.
   mem_VariableRegion(unsigned int baseIndex, int capacity, int* array);
   ~mem_VariableRegion() override;
 
@@ -146,24 +150,56 @@ class ZMXUTI_API mem_VariableRegion : public mem_Region {
   int Reallocate(int* array, int position, std::size_t bytes);
   void DebugPrint() override;  // "VariableRegion: Size=%d, Alloc=%d\n"
 
-  // Words a request of `bytes` takes, header included (multiple of 4).
+  // Words a request of `bytes` takes, header included (multiple of 4); 0 bytes
+  // count as 1. Requests beyond any region give a size no region can hold.
   static int WordsFor(std::size_t bytes);
   // Size in words (header included) of the block in use at `position`.
+  // Free, Reallocate and BlockWords abort ("ERROR: variable region: ...") when
+  // `position` is not a block in use of this region.
   int BlockWords(const int* array, int position) const;
   // Claims exactly the block whose data starts at `position` and spans `words`
-  // words with its header (a multiple of 4), out of one free block; the rest of
-  // that free block stays free. Returns `position`, or -1 when those words are
-  // not all free. The cache pools cut their fixed regions out this way.
+  // words with its header (a multiple of 4), out of one free block; the parts
+  // of that free block before and after stay free blocks of any size. Returns
+  // `position`, or -1 when those words are not all free (or `position` is off
+  // the region's 4-word grid). Aborts when `words` is not a positive multiple
+  // of 4. Linear in the blocks before `position`. The cache pools cut their
+  // fixed regions out this way.
   int ClaimBlock(int* array, int position, int words);
+  // The largest block an Alloc could be given (0 when none) and its position
+  // (base index included; -1 when none). Free blocks of 4 words do not count:
+  // they cannot hold a tree node and wait, out of the tree, for a neighbour.
   int LargestFreeWords() const { return largestSize_; }
-  int LargestFreePosition() const { return largestPos_; }  // base index included; -1 none
+  int LargestFreePosition() const { return largestPos_; }
 
  private:
   friend struct mem_RegionInspector;
+  static constexpr int kTreeHeader = 8;   // the header node's position (a member)
+  static constexpr int kFirstBlock = 16;  // the first block's position
+  static constexpr int kSplitRest = 35;   // the smallest rest split off a block
+  // The free tree (variable_region_tree.cpp); positions relative to the base,
+  // the header node (position 8) is treeHeader_, never the owner's word 8.
+  // Insert and Remove keep the largest-free cache and pass over free blocks of
+  // 4 words, which stay out of the tree. Insert wants the free header written.
+  void TreeInsert(int* array, int pos);
+  void TreeRemove(int* array, int pos);
+  int TreeBestFit(const int* array, int words) const;  // -1 when nothing fits
+  void RecomputeLargest(const int* array);
+  // Marks the block at `pos` in use with `need` of its `available` words (it is
+  // out of the tree); a rest of kSplitRest words or more becomes a free block.
+  // Returns the block's size.
+  int Carve(int* array, int pos, int available, int need);
+  // The relative position of the block in use at `position`; aborts otherwise.
+  int BlockInUse(const int* array, int position, const char* operation) const;
+  void CheckAfter(const int* array, const char* operation) const;  // ZMX_HEAP_DEBUG
+
   int spare_;           // kept for layout: the object is 14 words
   int treeHeader_[4];   // parent -1, left = root of the free tree, right -1, height 0
   int largestSize_;     // words, 0 when nothing is free
   int largestPos_;      // -1 when nothing is free
 };
+
+// The layout the block positions count on: the object fills words 0..13 when it
+// lives at the head of its span, and its header node is word 8.
+static_assert(sizeof(mem_VariableRegion) == 56, "a variable region is 14 words");
 
 #endif  // ZMXUTI_MEM_POOLS_REGION_H

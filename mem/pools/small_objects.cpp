@@ -179,7 +179,7 @@ int Allocator::PageCount() const {
 }
 
 // Creation happens once; a thread that loses a race gives its object back.
-Allocator* CreateAllocator() {
+Allocator* Instance() {
   Allocator* existing = __atomic_load_n(&g_allocator, __ATOMIC_ACQUIRE);
   if (existing != nullptr) return existing;
   void* memory = g_switches.useGeneralHeap ? dlmalloc(sizeof(Allocator)) : mem_Malloc(sizeof(Allocator));

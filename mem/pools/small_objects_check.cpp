@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <string>
 
+#include "mem/pools/internal/region_check.h"
 #include "mem/pools/internal/small_objects.h"
 
 namespace zmx {
@@ -50,6 +51,9 @@ bool Allocator::Check(std::string* problem) const {
     if (record->number != n) return Fail(problem, "record names another number", n);
     if (record->SlotWords() * 4 != SlotBytesOf(record->Tag())) return Fail(problem, "slot size of another class", n);
     if (record->Capacity() != kAreaWords || record->BaseIndex() != 0) return Fail(problem, "region geometry", n);
+    std::string slots;
+    if (!CheckFixedRegion(*record, reinterpret_cast<const int*>(record), &slots))
+      return Fail(problem, ("slots: " + slots).c_str(), n);
   }
   int reusable = 0;
   for (int r = reuseHead_; r != 0; r = At(r - 1).next) {

@@ -68,7 +68,7 @@ struct PageEntry {
   int next;            // (for a number free for reuse: the next such number, one-based)
 };
 
-class Allocator {
+class ZMXUTI_INTERNAL_API Allocator {
  public:
   Allocator();
 
@@ -130,10 +130,11 @@ extern Allocator* g_allocator;
 extern bool g_lockSwitch;
 extern CountingLock g_lock;
 
-ZMXUTI_INTERNAL_API Allocator* CreateAllocator();
+// The process's allocator, created on first use.
+ZMXUTI_INTERNAL_API Allocator* Instance();
 inline Allocator& Get() {
   Allocator* a = g_allocator;
-  return ZMX_LIKELY(a != nullptr) ? *a : *CreateAllocator();
+  return ZMX_LIKELY(a != nullptr) ? *a : *Instance();
 }
 
 // Holds the process-wide lock when the switch is on and another thread could

@@ -1,0 +1,194 @@
+// The small-object allocator on a private instance: size classes and slot
+// placement, reallocation rules, page retirement with its stale mark and the
+// reuse of page numbers, a randomized run against a model of live blocks, and
+// the refusal of bad releases. The front door's routing, the process-wide lock
+// and threads are exercised in fresh processes (small_objects_probe).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "mem/internal/alloc_table.h"
+#include "mem/pools/internal/small_objects.h"
+#include "support/child_process.h"
+
+namespace {
+
+using zmx::mem_internal::HasSmallObjectMark;
+using zmx::mem_internal::small_objects::Allocator;
+using zmx::mem_internal::small_objects::RecordOf;
+
+std::uintptr_t PageOffset(const void* p) { return reinterpret_cast<std::uintptr_t>(p) & 4095; }
+
+void ExpectIntact(const Allocator& a) {
+  std::string problem;
+  EXPECT_TRUE(a.Check(&problem)) << problem;
+}
+
+TEST(SmallObjects, RequestSizesMapToTheirClassAndFirstSlotsSitAfterTheRecord) {
+  struct Case { std::size_t bytes; int sizeClass; int slotBytes; };
+  const Case cases[] = {{0, 0, 4},   {1, 0, 4},   {4, 0, 4},    {5, 1, 8},    {8, 1, 8},   {9, 2, 16},
+                        {16, 2, 16}, {17, 3, 32}, {48, 4, 48},  {49, 5, 64},  {97, 8, 112}, {113, 9, 128},
+                        {128, 9, 128}};
+  Allocator a;
+  for (const Case& c : cases) {
+    void* p = a.Allocate(c.bytes);
+    ASSERT_TRUE(HasSmallObjectMark(p)) << c.bytes;
+    EXPECT_EQ(RecordOf(p)->Tag(), c.sizeClass) << c.bytes;
+    EXPECT_EQ(RecordOf(p)->SlotWords() * 4, c.slotBytes) << c.bytes;
+  }
+  // The first slot of a fresh page: offset 56 for the 4- and 8-byte classes, 64 (16-aligned) from 16 bytes on.
+  Allocator fresh;
+  EXPECT_EQ(PageOffset(fresh.Allocate(3)), 56u);
+  EXPECT_EQ(PageOffset(fresh.Allocate(6)), 56u);
+  EXPECT_EQ(PageOffset(fresh.Allocate(16)), 64u);
+  EXPECT_EQ(PageOffset(fresh.Allocate(100)), 64u);
+  EXPECT_EQ(PageOffset(fresh.Allocate(100)), 64u + 112u);
+  ExpectIntact(a);
+  ExpectIntact(fresh);
+}
+
+TEST(SmallObjects, ReallocationStaysInItsSlotWhileItFitsAndCopiesTheWholeSlotWhenItMoves) {
+  Allocator a;
+  auto* block = static_cast<unsigned char*>(a.Allocate(20));
+  for (int i = 0; i < 32; ++i) block[i] = static_cast<unsigned char>(i + 1);
+  EXPECT_EQ(a.Reallocate(block, 30), block);
+  EXPECT_EQ(a.Reallocate(block, 32), block);
+
+  auto* moved = static_cast<unsigned char*>(a.Reallocate(block, 33));
+  ASSERT_NE(moved, block);
+  EXPECT_EQ(RecordOf(moved)->Tag(), 4);
+  for (int i = 0; i < 32; ++i) ASSERT_EQ(moved[i], i + 1) << "byte " << i;
+
+  auto* large = static_cast<unsigned char*>(a.Reallocate(moved, 200));
+  ASSERT_NE(large, nullptr);
+  EXPECT_FALSE(HasSmallObjectMark(large));  // the general heap's block
+  for (int i = 0; i < 32; ++i) ASSERT_EQ(large[i], i + 1) << "byte " << i;
+  dlfree(large);
+
+  void* gone = a.Allocate(10);
+  EXPECT_EQ(a.Reallocate(gone, 0), nullptr);  // size 0 releases
+  ExpectIntact(a);
+}
+
+// Fills `full` pages of one class and opens one more; the blocks of each page, in page order.
+std::vector<std::vector<void*>> FillPages(Allocator& a, std::size_t bytes, int full) {
+  std::vector<std::vector<void*>> byPage;
+  std::map<const void*, std::size_t> index;
+  while (static_cast<int>(byPage.size()) <= full) {
+    void* p = a.Allocate(bytes);
+    const void* record = RecordOf(p);
+    if (!index.count(record)) {
+      index[record] = byPage.size();
+      byPage.emplace_back();
+    }
+    byPage[index[record]].push_back(p);
+  }
+  return byPage;
+}
+
+TEST(SmallObjects, AnEmptiedPageWithANeighbourIsRetiredAndItsNumberReusedWhileALonePageIsKept) {
+  Allocator a;
+  void* opener = a.Allocate(100);  // page 0, the only page of class 8
+  a.Free(opener);
+  EXPECT_TRUE(HasSmallObjectMark(opener));  // emptied, but alone in its class: kept
+  EXPECT_EQ(a.ClassHead(8), 0);
+
+  auto pages = FillPages(a, 40, 2);  // class 4: pages 1 and 2 full, page 3 opened
+  ASSERT_EQ(pages.size(), 3u);
+  const int second = RecordOf(pages[1][0])->number;
+  ASSERT_EQ(second, 2);
+  for (void* p : pages[1]) a.Free(p);
+  EXPECT_FALSE(HasSmallObjectMark(pages[1][0]));  // a stale pointer no longer passes as a small block
+  EXPECT_EQ(a.ReuseHead(), second + 1);
+  EXPECT_EQ(a.Entry(second)->record, nullptr);
+
+  // The retired number is the next one a new page takes, whatever its class.
+  void* next = a.Allocate(1);
+  EXPECT_EQ(RecordOf(next)->number, second);
+  EXPECT_EQ(a.LivePageNumbers(), 4);
+  EXPECT_EQ(a.ReuseHead(), 0);
+
+  a.Free(pages[2][0]);  // page 3 empties alone in its list: kept
+  EXPECT_TRUE(HasSmallObjectMark(pages[2][0]));
+  for (void* p : pages[0]) a.Free(p);  // page 1 comes back beside page 3, then empties: retired
+  EXPECT_FALSE(HasSmallObjectMark(pages[0][0]));
+  EXPECT_EQ(a.PageCount(), 3);
+  ExpectIntact(a);
+}
+
+// Random allocations, reallocations and releases against a model of the live
+// blocks; every block carries a pattern of its own serial, checked when it is
+// released or moved, so overlapping slots or a damaged free list show up.
+TEST(SmallObjects, RandomTrafficKeepsEveryBlockIntactAgainstAModel) {
+  for (unsigned seed : {1u, 7u, 42u}) {
+    Allocator a;
+    std::mt19937 rng(seed);
+    struct Live { unsigned char* p; std::size_t bytes; unsigned char tag; };
+    std::vector<Live> live;
+    auto fill = [](const Live& b) { std::memset(b.p, b.tag, b.bytes); };
+    auto intact = [](const Live& b) {
+      for (std::size_t i = 0; i < b.bytes; ++i)
+        if (b.p[i] != b.tag) return false;
+      return true;
+    };
+    for (int step = 0; step < 60000; ++step) {
+      const unsigned r = rng();
+      const std::size_t bytes = 1 + rng() % 128;
+      if (live.empty() || r % 8 < 4) {
+        Live b{static_cast<unsigned char*>(a.Allocate(bytes)), bytes, static_cast<unsigned char>(step)};
+        ASSERT_TRUE(HasSmallObjectMark(b.p));
+        fill(b);
+        live.push_back(b);
+      } else {
+        const std::size_t k = rng() % live.size();
+        ASSERT_TRUE(intact(live[k])) << "seed " << seed << " step " << step;
+        if (r % 8 == 4) {
+          Live& b = live[k];
+          b.p = static_cast<unsigned char*>(a.Reallocate(b.p, bytes));
+          b.bytes = std::min(b.bytes, bytes);
+          ASSERT_TRUE(intact(b)) << "reallocation lost data, seed " << seed << " step " << step;
+          b.bytes = bytes;
+          b.tag = static_cast<unsigned char>(step);
+          fill(b);
+        } else {
+          a.Free(live[k].p);
+          live[k] = live.back();
+          live.pop_back();
+        }
+      }
+      if (step % 5000 == 0) ExpectIntact(a);
+    }
+    for (const Live& b : live) ASSERT_TRUE(intact(b));
+    for (const Live& b : live) a.Free(b.p);
+    ExpectIntact(a);
+  }
+}
+
+TEST(SmallObjectsDeathTest, ReleasesThatWouldDamageAPageAreRefusedWithAMessage) {
+  Allocator a;
+  auto* p = static_cast<char*>(a.Allocate(32));
+  a.Allocate(32);
+  EXPECT_DEATH(a.Free(p + 8), "ERROR: small-object allocator: position not at a slot at 0x");
+  EXPECT_DEATH(a.Free(p - 64), "ERROR: small-object allocator: position outside the slots");
+  a.Free(p);
+  EXPECT_DEATH(a.Free(p), "ERROR: small-object allocator: slot released twice");
+}
+
+TEST(SmallObjectsProcess, FrontDoorRoutingAndEightThreadsUnderTheLock) {
+  const auto routing = zmx_test::RunProbe("small_objects_probe", "front_door");
+  ASSERT_TRUE(zmx_test::ExitedCleanly(routing));
+  EXPECT_EQ(routing.out,
+            "new 100 small=1\nmalloc 100 small=1\nmalloc 129 small=0\ncalloc 16 small=0\n"
+            "realloc 20->200 small=0 copied=1\nnew after off small=0\npages=2 intact=1\n");
+  const auto stress = zmx_test::RunProbe("small_objects_probe", "threads");
+  ASSERT_TRUE(zmx_test::ExitedCleanly(stress));
+  EXPECT_EQ(stress.out, "threads=8 damaged=0 intact=1\n");
+}
+
+}  // namespace
