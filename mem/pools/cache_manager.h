@@ -71,7 +71,9 @@ class ZMXUTI_API mem_CacheItem {
   virtual std::uint64_t AvailableSize() = 0;  // bytes purging would give back now
   virtual void DebugPrint() = 0;
   virtual mem_CacheItemPtr Self() = 0;        // this item's own pool and handle
-  virtual std::uint64_t Purge() = 0;          // drop the cached data; bytes released
+  // Drops the cached data; bytes released. The item itself stays in its pool:
+  // the manager unlinks it right after.
+  virtual std::uint64_t Purge() = 0;
 
   // Links this item in before the item `head` names (a list of one when `head` is null).
   void InsertItem(mem_CacheItemPtr& head);
@@ -124,7 +126,10 @@ class ZMXUTI_API mem_CacheManager {
   // The head of list 0..3 (null when empty).
   mem_CacheItemPtr Head(int list) const { return heads_[list]; }
   // Purges for `bytes`: list "ALWAYS", then for level 0 lists 2, 1, 0 or for
-  // level 1..3 list level-1; returns what the last purged item released.
+  // level 1..3 list level-1, each from its back. An item is asked AvailableSize
+  // until it reports `bytes` or gives the same answer twice in a row, then
+  // purged and removed; an amount >= `bytes` ends the purge, purging a list's
+  // head ends that list. Returns what the last purged item released (0: none).
   std::uint64_t Purge(int level, std::uint64_t bytes);
 
  private:

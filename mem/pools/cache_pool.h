@@ -145,12 +145,18 @@ class ZMXUTI_API mem_CachePool {
   mem_Allocator* Allocator() const { return allocator_; }
 
   mem_CachePoolIDTyp<void*> Alloc(std::uint64_t size);  // 0 bytes: the null handle
-  // Size 0 returns the null handle and keeps the old allocation (deliberately).
+  // Size 0 returns the null handle and keeps the old allocation (deliberately);
+  // the null handle allocates anew. On failure the null handle, the old kept.
   mem_CachePoolIDTyp<void*> ReAlloc(mem_CachePoolID id, std::uint64_t size);
-  // Puts memory `p` of `size` bytes under a new block handle; the pool owns it from then on.
+  // Puts memory `p` of `size` bytes under a new block handle; the pool owns it
+  // from then on and returns it as it returns its own blocks, so `p` must come
+  // from this pool's allocator. A null `p` gives the null handle.
   mem_CachePoolIDTyp<void*> Adopt(std::uint64_t size, void* p);
   void Free(mem_CachePoolID id);  // the null handle does nothing
-  void* Ptr(mem_CachePoolID id) const;  // no test for null
+  // The memory a handle names now (null for the null handle). Free, ReAlloc and
+  // Ptr abort with "ERROR: mem_CachePool: invalid handle ..." on a handle whose
+  // block or cluster is not in use.
+  void* Ptr(mem_CachePoolID id) const;
 
   void DebugPrint() const;
   void DebugSummary() const;

@@ -30,13 +30,13 @@ mem_CachePoolIDTyp<void*> mem_CachePool::AllocFixedClass(int sizeClass, std::uin
     UnlinkClass(cluster, sizeClass);
     index = next;
   }
-  if (listEmpty && buckets_[7] >= 0) {
+  const int fallback = buckets_[6] >= 0 ? 6 : 7;
+  if (listEmpty && fallback == 6 && buckets_[7] >= 0) {
     const mem_CachePoolIDTyp<void*> id = TryCluster((*clusters_)[static_cast<std::size_t>(buckets_[7])], sizeClass, size);
     if (!id.IsNull()) return id;
   }
-  const int bucket = buckets_[6] >= 0 ? 6 : 7;
-  if (buckets_[bucket] < 0) return 0;
-  return TryCluster((*clusters_)[static_cast<std::size_t>(buckets_[bucket])], sizeClass, size);
+  if (buckets_[fallback] < 0) return 0;
+  return TryCluster((*clusters_)[static_cast<std::size_t>(buckets_[fallback])], sizeClass, size);
 }
 
 // The last cluster used, then the head of each bucket that can hold the run.

@@ -146,43 +146,25 @@ TEST_F(CacheManagerTest, AllocatorsPurgeOnceForTheRequestedSizeAndReturnTheRetry
   mem_DLAllocator general(&manager_);
   mem_Allocator unbound;
   void* kept = frontDoor.Malloc("t", 32);
-  struct Case {
-    const char* what;
-    void* (*call)(mem_Allocator&, mem_DLAllocator&, mem_Allocator&, void*);
-    const char* purged;
-  };
-  const Case cases[] = {
-      {"Malloc", [](mem_Allocator& f, mem_DLAllocator&, mem_Allocator&, void*) { return f.Malloc("t", kHuge); }, "qp"},
-      {"Realloc", [](mem_Allocator& f, mem_DLAllocator&, mem_Allocator&, void* k) { return f.Realloc("t", k, kHuge); },
-       "qp"},
-      {"Calloc", [](mem_Allocator& f, mem_DLAllocator&, mem_Allocator&, void*) { return f.Calloc("t", kHuge, 64); },
-       "q"},
-      {"DL Malloc", [](mem_Allocator&, mem_DLAllocator& g, mem_Allocator&, void*) { return g.Malloc("t", kHuge); },
-       "qp"},
-      {"DL Realloc",
-       [](mem_Allocator&, mem_DLAllocator& g, mem_Allocator&, void*) {
-         void* p = g.Malloc("t", 16);
-         void* r = g.Realloc("t", p, kHuge);
-         g.Free("t", p);
-         return r;
-       },
-       "qp"},
-      {"DL aligned",
-       [](mem_Allocator&, mem_DLAllocator& g, mem_Allocator&, void*) { return g.AlignedAlloc("t", 64, kHuge); },
-       "qp"},
-      {"no manager", [](mem_Allocator&, mem_DLAllocator&, mem_Allocator& u, void*) { return u.Malloc("t", kHuge); },
-       ""},
-  };
-  for (const Case& c : cases) {
+  auto purgedBy = [&](auto request) {
     mem_CacheItemPtr p = Item('p', 100, 100), q = Item('q', 100, 100);
     manager_.AddItem(MEM_CACHE_PRIORITY_1, MEM_CACHE_ALWAYS, p);
     manager_.AddItem(MEM_CACHE_PRIORITY_1, MEM_CACHE_ALWAYS, q);
     log_.clear();
-    EXPECT_EQ(c.call(frontDoor, general, unbound, kept), nullptr) << c.what;
-    EXPECT_EQ(log_, c.purged) << c.what;
+    EXPECT_EQ(request(), nullptr);
     manager_.RemoveItem(p);
     manager_.RemoveItem(q);
-  }
+    return log_;
+  };
+  EXPECT_EQ(purgedBy([&] { return frontDoor.Malloc("t", kHuge); }), "qp");
+  EXPECT_EQ(purgedBy([&] { return frontDoor.Realloc("t", kept, kHuge); }), "qp");
+  EXPECT_EQ(purgedBy([&] { return frontDoor.Calloc("t", kHuge, 64); }), "q");  // 100 bytes cover one element
+  EXPECT_EQ(purgedBy([&] { return general.Malloc("t", kHuge); }), "qp");
+  EXPECT_EQ(purgedBy([&] { return general.AlignedAlloc("t", 64, kHuge); }), "qp");
+  void* small = general.Malloc("t", 16);
+  EXPECT_EQ(purgedBy([&] { return general.Realloc("t", small, kHuge); }), "qp");
+  general.Free("t", small);
+  EXPECT_EQ(purgedBy([&] { return unbound.Malloc("t", kHuge); }), "");
   frontDoor.Free("t", kept);  // the failed Realloc left it in place
   mem_Allocator* clone = general.Clone();
   EXPECT_TRUE(dynamic_cast<mem_DLAllocator*>(clone) != nullptr && clone->Manager() == &manager_);
@@ -196,8 +178,7 @@ TEST(LabelledAllocator, WithoutAManagerAFailedRequestIsTriedExactlyTwice) {
   EXPECT_EQ(r.out,
             "unbound malloc attempts=2 null=1\n"
             "unbound calloc attempts=2 null=1\n"
-            "unbound realloc attempts=2 null=1\n"
-            "bound malloc attempts=2 purges=1 null=1\n");
+            "unbound realloc attempts=2 null=1\n");
 }
 
 }  // namespace

@@ -34,20 +34,6 @@ struct FailureCounter final : zmx::mem_internal::TrackerSink {
   void PrepareThread() override {}
 } g_failures;
 
-// An item that only counts how often the manager purges it.
-struct CountingItem : mem_CacheItem {
-  mem_CachePool* pool = nullptr;
-  mem_CachePoolID id = 0;
-  int purges = 0;
-  std::uint64_t AvailableSize() override { return 1; }
-  void DebugPrint() override {}
-  mem_CacheItemPtr Self() override { return mem_CacheItemPtr(pool, id); }
-  std::uint64_t Purge() override {
-    ++purges;
-    return 1;
-  }
-};
-
 constexpr std::size_t kHuge = std::size_t{1} << 62;
 
 void Attempts() {
@@ -63,21 +49,6 @@ void Attempts() {
     std::printf("unbound %s attempts=%d null=%d\n", what, g_failures.failed, r == nullptr);
   }
   unbound.Free("probe", block);
-
-  mem_CacheManager manager("attempts");
-  mem_Allocator bound(&manager);
-  mem_CachePool* pool = mem_CachePool::CreatePool(&bound);
-  const mem_CachePoolID id = pool->Alloc(sizeof(CountingItem));
-  CountingItem* item = new (pool->Ptr(id)) CountingItem;
-  item->pool = pool;
-  item->id = id;
-  mem_CacheItemPtr ptr(pool, id);
-  manager.AddItem(MEM_CACHE_PRIORITY_1, MEM_CACHE_BACK, ptr);
-  g_failures.failed = 0;
-  void* r = bound.Malloc("probe", kHuge);
-  std::printf("bound malloc attempts=%d purges=%d null=%d\n", g_failures.failed, item->purges, r == nullptr);
-  pool->Free(id);
-  pool->Delete();
   zmx::mem_internal::InstallTrackerSink(nullptr);
 }
 
