@@ -38,6 +38,9 @@ class mem_CachePoolIDTyp {
   inline T Ptr(const mem_CachePool* pool) const;
   bool operator==(const mem_CachePoolIDTyp& other) const { return id_ == other.id_; }
   bool operator!=(const mem_CachePoolIDTyp& other) const { return id_ != other.id_; }
+  // Against a plain handle value (`h == 0`), without an ambiguous conversion.
+  bool operator==(mem_CachePoolID other) const { return id_ == other; }
+  bool operator!=(mem_CachePoolID other) const { return id_ != other; }
 
  private:
   mem_CachePoolID id_;
