@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "core/export.h"
 
@@ -31,6 +32,8 @@ class mem_CachePoolIDTyp {
  public:
   mem_CachePoolIDTyp() : id_(0) {}
   mem_CachePoolIDTyp(mem_CachePoolID id) : id_(id) {}  // NOLINT: converts both ways by design
+  template <class U>
+  mem_CachePoolIDTyp(const mem_CachePoolIDTyp<U>& other) : id_(other.Value()) {}  // NOLINT: retyping keeps the value
   operator mem_CachePoolID() const { return id_; }
   mem_CachePoolID Value() const { return id_; }
   bool IsNull() const { return id_ == 0; }
@@ -38,13 +41,20 @@ class mem_CachePoolIDTyp {
   inline T Ptr(const mem_CachePool* pool) const;
   bool operator==(const mem_CachePoolIDTyp& other) const { return id_ == other.id_; }
   bool operator!=(const mem_CachePoolIDTyp& other) const { return id_ != other.id_; }
-  // Against a plain handle value (`h == 0`), without an ambiguous conversion.
-  bool operator==(mem_CachePoolID other) const { return id_ == other; }
-  bool operator!=(mem_CachePoolID other) const { return id_ != other; }
 
  private:
   mem_CachePoolID id_;
 };
+
+// A handle against a plain value (`h == 0`, `h != id`), without an ambiguous conversion.
+template <class T, class V, typename std::enable_if<std::is_integral<V>::value, int>::type = 0>
+bool operator==(const mem_CachePoolIDTyp<T>& h, V v) { return h.Value() == static_cast<mem_CachePoolID>(v); }
+template <class T, class V, typename std::enable_if<std::is_integral<V>::value, int>::type = 0>
+bool operator==(V v, const mem_CachePoolIDTyp<T>& h) { return h == v; }
+template <class T, class V, typename std::enable_if<std::is_integral<V>::value, int>::type = 0>
+bool operator!=(const mem_CachePoolIDTyp<T>& h, V v) { return !(h == v); }
+template <class T, class V, typename std::enable_if<std::is_integral<V>::value, int>::type = 0>
+bool operator!=(V v, const mem_CachePoolIDTyp<T>& h) { return !(h == v); }
 
 // A cache item's address that stays valid while its pool moves memory: pool and handle.
 class ZMXUTI_API mem_CacheItemPtr {
