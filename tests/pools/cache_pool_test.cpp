@@ -325,11 +325,22 @@ TEST(CachePoolProcess, PurgingUnderTheMemoryLimitMakesRoomUntilNothingIsLeft) {
             "for the refused block purged:\n");
 }
 
-TEST(CachePoolProcess, AHandleThatNamesNothingAborts) {
-  const zmx_test::ChildResult r = zmx_test::RunProbe("pools_probe", "bad_handle");
-  EXPECT_EQ(r.signal, SIGABRT) << zmx_test::Describe(r);
-  EXPECT_EQ(r.err, "ERROR: mem_CachePool: invalid handle 0x00000004 (block not in use)\n");
-  EXPECT_EQ(r.out, "");
+TEST(CachePoolProcess, MisuseAbortsWithItsMessage) {
+  const struct {
+    const char* scenario;
+    const char* err;
+  } cases[] = {
+      {"bad_handle", "ERROR: mem_CachePool: invalid handle 0x00000004 (block not in use)\n"},
+      // The first 80-byte element of a fresh pool: cluster 1, region 63, word 12.
+      {"linked_twice", "ERROR: mem_CacheManager::AddItem: item 0xfc0c0003 already linked\n"},
+      {"priority_0", "ERROR: mem_CacheManager::AddItem: priority 0 out of range\n"},
+  };
+  for (const auto& c : cases) {
+    const zmx_test::ChildResult r = zmx_test::RunProbe("pools_probe", c.scenario);
+    EXPECT_EQ(r.signal, SIGABRT) << zmx_test::Describe(r);
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out, "");
+  }
 }
 
 }  // namespace
