@@ -11,6 +11,7 @@
 #include <map>
 #include <new>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,11 +20,15 @@
 
 namespace {
 
-// Counts live memory by block and can be told to refuse requests, a given
-// share of them at random.
+// Counts live memory by block, keeps the labels it was given ("+name" taken,
+// "-name" returned) and can be told to refuse requests, a given share of them
+// at random.
 class CountingAllocator : public mem_Allocator {
  public:
-  void* Malloc(const char* name, std::size_t size) override { return Note(Refuse() ? nullptr : mem_Malloc(size), size); }
+  void* Malloc(const char* name, std::size_t size) override {
+    labels_.insert(std::string("+") + name);
+    return Note(Refuse() ? nullptr : mem_Malloc(size), size);
+  }
   void* Realloc(const char* name, void* block, std::size_t size) override {
     if (Refuse()) return nullptr;
     void* moved = mem_Realloc(block, size);
@@ -31,6 +36,7 @@ class CountingAllocator : public mem_Allocator {
     return Note(moved, size);
   }
   void Free(const char* name, void* block) override {
+    labels_.insert(std::string("-") + name);
     if (block != nullptr) {
       EXPECT_EQ(live_.erase(block), 1u) << "freed a block it never gave out";
     }
@@ -42,6 +48,7 @@ class CountingAllocator : public mem_Allocator {
     return total;
   }
   std::size_t LiveBlocks() const { return live_.size(); }
+  const std::set<std::string>& Labels() const { return labels_; }
   void RefuseShare(unsigned int perMille, unsigned int seed) {
     perMille_ = perMille;
     rng_.seed(seed);
@@ -54,6 +61,7 @@ class CountingAllocator : public mem_Allocator {
     return block;
   }
   std::map<void*, std::size_t> live_;
+  std::set<std::string> labels_;
   unsigned int perMille_ = 0;
   std::minstd_rand rng_;
 };
@@ -114,6 +122,9 @@ TEST(CachePool, NumberedFacts) {
   EXPECT_EQ(allocator.LiveBytes(), withCluster);
   pool->Delete();
   EXPECT_EQ(allocator.LiveBlocks(), 0u);  // blocks, adopted memory, pages, tables and the pool itself
+  // Memory is taken under its kind's label and goes back as a block's, the pool's own as the pool's.
+  EXPECT_EQ(allocator.Labels(), (std::set<std::string>{"+mem_Block", "+mem_CachePool", "+mem_Cluster",
+                                                       "+mem_FixedBlock", "+test", "-mem_Block", "-mem_CachePool"}));
 }
 
 // ------------------------------------------------------- randomized model
