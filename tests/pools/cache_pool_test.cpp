@@ -121,6 +121,15 @@ TEST(CachePool, NumberedFacts) {
   EXPECT_EQ(ClusterOf(again), 1u);
   EXPECT_EQ(allocator.LiveBytes(), withCluster);
   pool->Delete();
+
+  // Fifteen runs of 16384 bytes leave cluster 1 a free run of 4020 words (bucket 6); the
+  // sixteenth opens cluster 2 (bucket 7), which a class without clusters of its own tries first.
+  pool = mem_CachePool::CreatePool(&allocator);
+  mem_CachePoolID run = 0;
+  for (int i = 0; i < 16; ++i) run = pool->Alloc(16384);
+  EXPECT_EQ(ClusterOf(run), 2u);
+  EXPECT_EQ(ClusterOf(pool->Alloc(4)), 2u);
+  pool->Delete();
   EXPECT_EQ(allocator.LiveBlocks(), 0u);  // blocks, adopted memory, pages, tables and the pool itself
   // Memory is taken under its kind's label and goes back as a block's, the pool's own as the pool's.
   EXPECT_EQ(allocator.Labels(), (std::set<std::string>{"+mem_Block", "+mem_CachePool", "+mem_Cluster",
