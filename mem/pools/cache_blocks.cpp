@@ -27,13 +27,13 @@ void mem_Block::SetMemory(void* data, unsigned int words) {
 }
 
 // Memory a block does not own is only forgotten, never returned.
-void mem_Block::ReleaseMemory(mem_Allocator* a, const char* name) {
+void mem_Block::ReleaseMemory(mem_Allocator* a) {
   if (state_ == EMPTY) return;
   void* data = data_;
   const bool owned = state_ != NOT_OWNED;
   data_ = nullptr;
   size_ = 0;
-  if (owned && data != nullptr) zmx::mem_internal::PoolRelease(a, name, data);
+  if (owned && data != nullptr) zmx::mem_internal::PoolRelease(a, "mem_Block", data);
 }
 
 // The record's own storage belongs to a record page and goes back with it.

@@ -50,7 +50,7 @@ void mem_Cluster::Destroy(mem_Allocator* a, int) {
   for (int r = 1; r < kRegions; ++r)
     if (kinds_[r] < kVariable) Fixed(r)->~mem_FixedRegion();
   Variable()->~mem_VariableRegion();
-  ReleaseMemory(a, "mem_Cluster");
+  ReleaseMemory(a);
   SetMemory(nullptr, 0);
   for (unsigned int& kind : kinds_) kind = kUnused;
   for (int& region : current_) region = -1;

@@ -19,6 +19,13 @@ const char* const kListNames[kLists] = {"PRIORITY_1", "PRIORITY_2", "PRIORITY_3"
   std::abort();
 }
 
+// Linking an item a second time would leave its first list pointing at it.
+[[noreturn]] void AlreadyLinked(mem_CachePoolID id) {
+  std::fprintf(stderr, "ERROR: mem_CacheManager::AddItem: item 0x%08x already linked\n", id);
+  std::fflush(stderr);
+  std::abort();
+}
+
 // Asks until the item reports enough or repeats itself: an item that never
 // grows must not hold the purge for ever.
 std::uint64_t AskAvailable(mem_CacheItem* item, std::uint64_t bytes) {
@@ -82,6 +89,7 @@ void mem_CacheManager::AddItem(mem_CachePriorityEnm priority, mem_CachePolicyEnm
     ManagerMisuse("priority", priority);
   mem_CacheItem* entry = item.Ptr();
   if (entry == nullptr) return;
+  if (!entry->Next().IsNull()) AlreadyLinked(item.Id());
   const int list = policy == MEM_CACHE_ALWAYS ? kAlwaysList : priority - 1;
   const bool wasEmpty = heads_[list].IsNull();
   entry->InsertItem(heads_[list]);

@@ -131,6 +131,8 @@ class ZMXUTI_API mem_CacheManager {
   mem_CacheManager(const mem_CacheManager&) = delete;
   mem_CacheManager& operator=(const mem_CacheManager&) = delete;
 
+  // Aborts ("ERROR: mem_CacheManager::AddItem: ...") on a priority or policy out
+  // of range and on an item already in a list (remove it first to move it).
   void AddItem(mem_CachePriorityEnm priority, mem_CachePolicyEnm policy, mem_CacheItemPtr& item);
   void RemoveItem(mem_CacheItemPtr& item);
   void DebugPrint() const;  // on standard output

@@ -47,10 +47,10 @@ class ZMXUTI_API mem_Block {
   // Stores pointer and size in words; unless the memory is not owned (state 2)
   // the state becomes 1 for a pointer and 0 for null.
   void SetMemory(void* data, unsigned int words);
-  // Clears pointer and size; owned memory and record pages go back through
-  // a->Free(name) while the general heap serves requests (mem_UseDL), else
-  // through mem_Free. Nothing happens in state 0.
-  void ReleaseMemory(mem_Allocator* a, const char* name = "mem_Block");
+  // Clears pointer and size; owned memory (a cluster's 256 KiB included) goes
+  // back through a->Free("mem_Block") while the general heap serves requests
+  // (mem_UseDL), else through mem_Free. Nothing happens in state 0.
+  void ReleaseMemory(mem_Allocator* a);
 
  protected:
   friend class mem_CachePool;

@@ -177,9 +177,11 @@ mem_CachePoolIDTyp<void*> mem_CachePool::ReAllocInCluster(mem_CachePoolID id, st
   const int oldClass = cluster->ClassAt(offset);
   const std::size_t oldBytes = cluster->ElementBytes(offset);
   if (oldBytes == 0) InvalidHandle(id, "no element at this offset");
-  if (size <= oldBytes) return id;
-  const int newClass = size > kLargestClusterRequest ? detail::kVariableClass : detail::SizeClass(size);
+  // A variable run may hold a few bytes more than 16384, yet a larger request
+  // always becomes a block of its own (given no more than the block holds).
   if (size <= kLargestClusterRequest) {
+    if (size <= oldBytes) return id;
+    const int newClass = detail::SizeClass(size);
     int* words = cluster->Words();
     int moved = -1;
     if (oldClass == detail::kVariableClass && newClass == detail::kVariableClass)
@@ -199,7 +201,7 @@ mem_CachePoolIDTyp<void*> mem_CachePool::ReAllocInCluster(mem_CachePoolID id, st
   }
   const mem_CachePoolIDTyp<void*> fresh = Alloc(size);
   if (fresh.IsNull()) return 0;
-  std::memcpy(Ptr(fresh), Ptr(id), oldBytes);
+  std::memcpy(Ptr(fresh), Ptr(id), size < oldBytes ? static_cast<std::size_t>(size) : oldBytes);
   Free(id);
   return fresh;
 }

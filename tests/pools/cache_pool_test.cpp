@@ -11,6 +11,7 @@
 #include <map>
 #include <new>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,11 +20,15 @@
 
 namespace {
 
-// Counts live memory by block and can be told to refuse requests, a given
-// share of them at random.
+// Counts live memory by block, keeps the labels it was given ("+name" taken,
+// "-name" returned) and can be told to refuse requests, a given share of them
+// at random.
 class CountingAllocator : public mem_Allocator {
  public:
-  void* Malloc(const char* name, std::size_t size) override { return Note(Refuse() ? nullptr : mem_Malloc(size), size); }
+  void* Malloc(const char* name, std::size_t size) override {
+    labels_.insert(std::string("+") + name);
+    return Note(Refuse() ? nullptr : mem_Malloc(size), size);
+  }
   void* Realloc(const char* name, void* block, std::size_t size) override {
     if (Refuse()) return nullptr;
     void* moved = mem_Realloc(block, size);
@@ -31,6 +36,7 @@ class CountingAllocator : public mem_Allocator {
     return Note(moved, size);
   }
   void Free(const char* name, void* block) override {
+    labels_.insert(std::string("-") + name);
     if (block != nullptr) {
       EXPECT_EQ(live_.erase(block), 1u) << "freed a block it never gave out";
     }
@@ -42,6 +48,7 @@ class CountingAllocator : public mem_Allocator {
     return total;
   }
   std::size_t LiveBlocks() const { return live_.size(); }
+  const std::set<std::string>& Labels() const { return labels_; }
   void RefuseShare(unsigned int perMille, unsigned int seed) {
     perMille_ = perMille;
     rng_.seed(seed);
@@ -54,6 +61,7 @@ class CountingAllocator : public mem_Allocator {
     return block;
   }
   std::map<void*, std::size_t> live_;
+  std::set<std::string> labels_;
   unsigned int perMille_ = 0;
   std::minstd_rand rng_;
 };
@@ -92,6 +100,12 @@ TEST(CachePool, NumberedFacts) {
   std::memset(pool->Ptr(odd), 0x5A, 16384);
   EXPECT_EQ(pool->ReAlloc(odd, 0).Value(), 0u);  // the old block is kept
   EXPECT_EQ(static_cast<unsigned char*>(pool->Ptr(odd))[16383], 0x5A);
+  // Its run holds 16392 bytes, yet 16385 make a block of their own, the data moved along.
+  const mem_CachePoolID grown = pool->ReAlloc(odd, 16385);
+  EXPECT_EQ(grown & 1, 0u);
+  EXPECT_EQ(static_cast<unsigned char*>(pool->Ptr(grown))[16383], 0x5A);
+  pool->Free(grown);
+  EXPECT_EQ(pool->Alloc(16385).Value(), grown);  // freed block indices are reused
   const mem_CachePoolID variable = pool->Alloc(300);
   for (std::uint64_t smaller : {1, 200, 300}) EXPECT_EQ(pool->ReAlloc(variable, smaller).Value(), variable);
   EXPECT_EQ(pool->ReAlloc(a, 3).Value(), a);
@@ -101,13 +115,25 @@ TEST(CachePool, NumberedFacts) {
 
   // Emptying cluster 1 gives its 256 KiB back; the next cluster request reuses index 1.
   const std::size_t withCluster = allocator.LiveBytes();
-  for (mem_CachePoolID h : {a, b, odd, variable}) pool->Free(h);
+  for (mem_CachePoolID h : {a, b, variable}) pool->Free(h);
   EXPECT_EQ(withCluster - allocator.LiveBytes(), 0x40000u);
   const mem_CachePoolID again = pool->Alloc(100);
   EXPECT_EQ(ClusterOf(again), 1u);
   EXPECT_EQ(allocator.LiveBytes(), withCluster);
   pool->Delete();
+
+  // Fifteen runs of 16384 bytes leave cluster 1 a free run of 4020 words (bucket 6); the
+  // sixteenth opens cluster 2 (bucket 7), which a class without clusters of its own tries first.
+  pool = mem_CachePool::CreatePool(&allocator);
+  mem_CachePoolID run = 0;
+  for (int i = 0; i < 16; ++i) run = pool->Alloc(16384);
+  EXPECT_EQ(ClusterOf(run), 2u);
+  EXPECT_EQ(ClusterOf(pool->Alloc(4)), 2u);
+  pool->Delete();
   EXPECT_EQ(allocator.LiveBlocks(), 0u);  // blocks, adopted memory, pages, tables and the pool itself
+  // Memory is taken under its kind's label and goes back as a block's, the pool's own as the pool's.
+  EXPECT_EQ(allocator.Labels(), (std::set<std::string>{"+mem_Block", "+mem_CachePool", "+mem_Cluster",
+                                                       "+mem_FixedBlock", "+test", "-mem_Block", "-mem_CachePool"}));
 }
 
 // ------------------------------------------------------- randomized model
@@ -241,6 +267,7 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
       if (size <= old.size || !(h & 1)) {
         ASSERT_EQ(moved, h) << "blocks and smaller requests keep their handle";
       }
+      ASSERT_TRUE(size <= 16384 || !(moved & 1)) << "more than 16384 bytes make a block";
       Fill(moved, std::min(size, old.size));
     } else if (op < 97) {
       const mem_CachePoolID h = pick();
@@ -318,11 +345,22 @@ TEST(CachePoolProcess, PurgingUnderTheMemoryLimitMakesRoomUntilNothingIsLeft) {
             "for the refused block purged:\n");
 }
 
-TEST(CachePoolProcess, AHandleThatNamesNothingAborts) {
-  const zmx_test::ChildResult r = zmx_test::RunProbe("pools_probe", "bad_handle");
-  EXPECT_EQ(r.signal, SIGABRT) << zmx_test::Describe(r);
-  EXPECT_EQ(r.err, "ERROR: mem_CachePool: invalid handle 0x00000004 (block not in use)\n");
-  EXPECT_EQ(r.out, "");
+TEST(CachePoolProcess, MisuseAbortsWithItsMessage) {
+  const struct {
+    const char* scenario;
+    const char* err;
+  } cases[] = {
+      {"bad_handle", "ERROR: mem_CachePool: invalid handle 0x00000004 (block not in use)\n"},
+      // The first 80-byte element of a fresh pool: cluster 1, region 63, word 12.
+      {"linked_twice", "ERROR: mem_CacheManager::AddItem: item 0xfc0c0003 already linked\n"},
+      {"priority_0", "ERROR: mem_CacheManager::AddItem: priority 0 out of range\n"},
+  };
+  for (const auto& c : cases) {
+    const zmx_test::ChildResult r = zmx_test::RunProbe("pools_probe", c.scenario);
+    EXPECT_EQ(r.signal, SIGABRT) << zmx_test::Describe(r);
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out, "");
+  }
 }
 
 }  // namespace

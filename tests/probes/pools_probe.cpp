@@ -1,6 +1,7 @@
 // Fresh-process scenarios for the cache pools and the labelled allocators:
 // allocation attempts counted through the tracker's reports, purging under the
-// general heap's memory limit end to end, and the abort on a bad handle.
+// general heap's memory limit end to end, and the aborts on a bad handle and
+// on a misplaced AddItem.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -150,6 +151,21 @@ void BadHandle() {
   std::printf("not reached\n");
 }
 
+// An item added to a list while it is still in one, or at priority 0.
+void AddItemMisuse(bool linkedTwice) {
+  Up();
+  mem_Allocator allocator;
+  mem_CacheManager manager("misuse");
+  mem_CachePool* pool = mem_CachePool::CreatePool(&allocator);
+  const mem_CachePoolID self = pool->Alloc(sizeof(DataItem));
+  new (pool->Ptr(self)) DataItem(pool, self, 0, 1, nullptr);
+  mem_CacheItemPtr ptr(pool, self);
+  manager.AddItem(MEM_CACHE_PRIORITY_2, MEM_CACHE_BACK, ptr);
+  std::fflush(stdout);
+  manager.AddItem(linkedTwice ? MEM_CACHE_PRIORITY_3 : static_cast<mem_CachePriorityEnm>(0), MEM_CACHE_BACK, ptr);
+  std::printf("not reached\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -157,6 +173,8 @@ int main(int argc, char** argv) {
       {"attempts", Attempts},
       {"limit", LimitPurge},
       {"bad_handle", BadHandle},
+      {"linked_twice", [] { AddItemMisuse(true); }},
+      {"priority_0", [] { AddItemMisuse(false); }},
   };
   return zmx_probe::Dispatch(argc, argv, scenarios);
 }
