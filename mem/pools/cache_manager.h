@@ -139,7 +139,7 @@ class ZMXUTI_API mem_CacheManager {
 
   const char* Name() const { return name_; }
   // The head of list 0..3 (null when empty).
-  mem_CacheItemPtr Head(int list) const { return heads_[list]; }
+  mem_CacheItemPtr Head(int list) const { return list >= 0 && list < 4 ? heads_[list] : mem_CacheItemPtr(); }
   // Purges for `bytes`: list "ALWAYS", then for level 0 lists 2, 1, 0 or for
   // level 1..3 list level-1, each from its back. An item is asked AvailableSize
   // until it reports `bytes` or gives the same answer twice in a row, then
