@@ -48,8 +48,9 @@ class ZMXUTI_API mem_Block {
   // the state becomes 1 for a pointer and 0 for null.
   void SetMemory(void* data, unsigned int words);
   // Clears pointer and size; owned memory (a cluster's 256 KiB included) goes
-  // back through a->Free("mem_Block") while the general heap serves requests
-  // (mem_UseDL), else through mem_Free. Nothing happens in state 0.
+  // back through a->Free("mem_Block"), the allocator it came from (also in a
+  // process on the runtime heap, so that a general-heap allocator's memory
+  // never reaches the runtime's free). Nothing happens in state 0.
   void ReleaseMemory(mem_Allocator* a);
 
  protected:

@@ -1,6 +1,9 @@
-// Where the cache pools' own memory goes back: through the pool's allocator
-// while the general heap serves requests, else through the front door, and the
-// abort on a handle that names nothing.
+// Where the cache pools' own memory goes back, and the abort on a handle that
+// names nothing. Memory goes back the way it came: what the pool's allocator
+// gave (block, cluster and record memory) through that allocator's Free, so a
+// pool over the general heap's allocator stays paired with it even in a process
+// on the runtime heap; the tables' chunk arrays come from the allocator while
+// the general heap serves requests, else from mem_Malloc, and return likewise.
 #ifndef ZMXUTI_MEM_POOLS_INTERNAL_POOL_MEMORY_H
 #define ZMXUTI_MEM_POOLS_INTERNAL_POOL_MEMORY_H
 
@@ -13,12 +16,7 @@
 namespace zmx {
 namespace mem_internal {
 
-inline void PoolRelease(mem_Allocator* a, const char* name, void* block) {
-  if (mem_UseDL())
-    a->Free(name, block);
-  else
-    mem_Free(block);
-}
+inline void PoolRelease(mem_Allocator* a, const char* name, void* block) { a->Free(name, block); }
 
 // The tables' chunk memory, labelled "mem_Block".
 inline ChunkMemory PoolTableMemory(mem_Allocator* a) {
@@ -26,7 +24,13 @@ inline ChunkMemory PoolTableMemory(mem_Allocator* a) {
       [](void* context, std::size_t bytes) -> void* {
         return mem_UseDL() ? static_cast<mem_Allocator*>(context)->Malloc("mem_Block", bytes) : mem_Malloc(bytes);
       },
-      [](void* context, void* block) { PoolRelease(static_cast<mem_Allocator*>(context), "mem_Block", block); }, a};
+      [](void* context, void* block) {
+        if (mem_UseDL())
+          PoolRelease(static_cast<mem_Allocator*>(context), "mem_Block", block);
+        else
+          mem_Free(block);
+      },
+      a};
 }
 
 // Prints "ERROR: mem_CachePool: invalid handle 0x%08x" (and why) on standard error and aborts.
