@@ -68,9 +68,9 @@ inline void* NewPath(std::size_t size, int& cache) {
   return NewSlowPath<kNoThrow>(size, cache);
 }
 
-// Requests aligned beyond 8 bytes use the heap's aligned allocation and never
-// the small-object allocator, whose two smallest classes give 8-byte aligned slots.
-constexpr std::size_t kSmallestSlotAlignment = 8;
+// Requests aligned beyond 4 bytes use the heap's aligned allocation and never
+// the small-object allocator, whose 4-byte slots lie 4 bytes apart.
+constexpr std::size_t kSmallestSlotAlignment = 4;
 
 template <bool kNoThrow>
 void* AlignedNewPath(std::size_t size, std::align_val_t alignment, int& cache) {

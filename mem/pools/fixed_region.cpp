@@ -1,5 +1,6 @@
 // The fixed region: equal slots threaded on a free list through the free slots,
 // with a frontier mark beyond which no slot was ever handed out.
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
@@ -18,8 +19,15 @@ namespace {
 mem_FixedRegion::mem_FixedRegion(unsigned int baseIndex, int capacity, int* array, int slotWords, int tag)
     : mem_Region(baseIndex, tag, FirstSlotFor(slotWords), capacity), head_(FirstSlotFor(slotWords)),
       slotWords_(slotWords) {
-  if (slotWords < 1 || capacity < first_ + slotWords) {
+  if (slotWords < 1 || static_cast<long long>(capacity) - first_ < slotWords) {
     std::fprintf(stderr, "ERROR: fixed region: %d words cannot hold a slot of %d words\n", capacity, slotWords);
+    std::fflush(stderr);
+    std::abort();
+  }
+  // Positions are ints: a base beyond that range would hand out negative ones.
+  if (static_cast<long long>(baseIndex) + capacity > INT_MAX) {
+    std::fprintf(stderr, "ERROR: fixed region: base index %u and capacity %d run past the largest position\n",
+                 baseIndex, capacity);
     std::fflush(stderr);
     std::abort();
   }

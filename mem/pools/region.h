@@ -67,7 +67,8 @@ constexpr const std::uint64_t* kSlotReciprocals =
 class ZMXUTI_API mem_FixedRegion : public mem_Region {
  public:
   // `tag` is the owner's (the small-object allocator and the cache pools store
-  // the size class there). Writes the frontier mark at the first slot.
+  // the size class there). Writes the frontier mark at the first slot. Aborts
+  // when `capacity` holds no slot or base index + capacity reaches 2^31.
   mem_FixedRegion(unsigned int baseIndex, int capacity, int* array, int slotWords, int tag = 0);
   ~mem_FixedRegion() override;
 

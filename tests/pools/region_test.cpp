@@ -269,17 +269,32 @@ TEST(VariableRegion, TheWalkerNamesDamageAndDebugPrintReportsSizes) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "VariableRegion: Size=1024, Alloc=56\n");
 }
 
-TEST(VariableRegionDeathTest, MisuseAbortsWithAMessage) {
-  std::vector<int> array(1024);
+TEST(RegionDeathTest, MisuseOfEitherKindAbortsWithAMessage) {
+  std::vector<int> array(1024 + 400);  // the fixed region's words follow the variable region's
   mem_VariableRegion region(0, 1024, array.data());
   const int pos = region.Alloc(array.data(), 10);
   region.Free(array.data(), pos);
-  EXPECT_EXIT(region.Free(array.data(), pos), testing::KilledBySignal(SIGABRT),
-              "^ERROR: variable region: Free of position 16: block already free\n$");
-  EXPECT_EXIT(region.Reallocate(array.data(), 1024, 8), testing::KilledBySignal(SIGABRT),
-              "^ERROR: variable region: Reallocate of position 1024: outside the region\n$");
-  EXPECT_EXIT(mem_VariableRegion(0, 1022, array.data()), testing::KilledBySignal(SIGABRT),
-              "^ERROR: variable region: a capacity of 1022 words cannot hold a region \\(a multiple of 4, at least 24\\)\n$");
+  mem_FixedRegion fixed(1024, 400, array.data(), 3);
+  const int slot = fixed.Alloc(array.data(), 1);
+  fixed.Alloc(array.data(), 1);
+  fixed.Free(array.data(), slot);
+  const struct { void (*misuse)(int*, mem_VariableRegion&, mem_FixedRegion&); const char* message; } cases[] = {
+      {[](int* a, mem_VariableRegion& r, mem_FixedRegion&) { r.Free(a, 16); },
+       "^ERROR: variable region: Free of position 16: block already free\n$"},
+      {[](int* a, mem_VariableRegion& r, mem_FixedRegion&) { r.Reallocate(a, 1024, 8); },
+       "^ERROR: variable region: Reallocate of position 1024: outside the region\n$"},
+      {[](int* a, mem_VariableRegion&, mem_FixedRegion&) { mem_VariableRegion(0, 1022, a); },
+       "^ERROR: variable region: a capacity of 1022 words cannot hold a region \\(a multiple of 4, at least 24\\)\n$"},
+      {[](int* a, mem_VariableRegion&, mem_FixedRegion& f) { f.Free(a, 1036); },
+       "^ERROR: fixed region: slot released twice \\(position 1036\\)\n$"},
+      {[](int* a, mem_VariableRegion&, mem_FixedRegion& f) { f.Free(a, 1040); },
+       "^ERROR: fixed region: position not at a slot \\(position 1040\\)\n$"},
+      {[](int* a, mem_VariableRegion&, mem_FixedRegion&) { mem_FixedRegion(0, 20, a, INT_MAX); },
+       "^ERROR: fixed region: 20 words cannot hold a slot of 2147483647 words\n$"},
+      {[](int* a, mem_VariableRegion&, mem_FixedRegion&) { mem_FixedRegion(INT_MAX - 100, 101, a, 4); },
+       "^ERROR: fixed region: base index 2147483547 and capacity 101 run past the largest position\n$"}};
+  for (const auto& c : cases)
+    EXPECT_EXIT(c.misuse(array.data(), region, fixed), testing::KilledBySignal(SIGABRT), c.message) << c.message;
 }
 
 TEST(FixedRegion, RandomSlotTrafficMatchesALastInFirstOutModel) {

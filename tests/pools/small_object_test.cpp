@@ -185,7 +185,7 @@ TEST(SmallObjectsProcess, FrontDoorRoutingAndEightThreadsUnderTheLock) {
   ASSERT_TRUE(zmx_test::ExitedCleanly(routing));
   EXPECT_EQ(routing.out,
             "new 100 small=1\nmalloc 100 small=1\nmalloc 129 small=0\ncalloc 16 small=0\n"
-            "realloc 20->200 small=0 copied=1\nnew after off small=0\npages=2 intact=1\n");
+            "realloc 20->200 small=0 copied=1\naligned8=1\nnew after off small=0\npages=2 intact=1\n");
   const auto stress = zmx_test::RunProbe("small_objects_probe", "threads");
   ASSERT_TRUE(zmx_test::ExitedCleanly(stress));
   EXPECT_EQ(stress.out, "threads=8 damaged=0 intact=1\n");

@@ -51,6 +51,10 @@ void FrontDoor() {
   std::memcpy(r, "nineteen characters", 20);
   auto* r2 = static_cast<char*>(mem_Realloc(r, 200));
   std::printf("realloc 20->200 small=%d copied=%d\n", Small(r2), std::strcmp(r2, "nineteen characters") == 0);
+  // 4-byte slots sit 4 bytes apart: an 8-byte aligned request must not land in one.
+  void* a8[2] = {::operator new(4, std::align_val_t(8)), ::operator new(4, std::align_val_t(8))};
+  std::printf("aligned8=%d\n", (reinterpret_cast<std::uintptr_t>(a8[0]) | reinterpret_cast<std::uintptr_t>(a8[1])) % 8 == 0);
+  for (void* p : a8) ::operator delete(p, std::align_val_t(8));
   mem_TBAllocator(0);
   void* after = g_new(16);
   std::printf("new after off small=%d\n", Small(after));
