@@ -82,7 +82,9 @@ class ZMXUTI_INTERNAL_API Allocator {
   }
   void Free(void* block) {
     PageRecord* record = RecordOf(block);
-    const int pos = static_cast<int>((static_cast<int*>(block) - record->Area()));
+    const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(block) - reinterpret_cast<std::uintptr_t>(record);
+    const int pos = static_cast<int>(offset >> 2);
+    if (ZMX_UNLIKELY(offset & 3)) BadRelease(block, "position not at a slot");
     if (const char* problem = record->SlotProblem(pos)) BadRelease(block, problem);
     CheckNotFreeAlready(record, pos);
     const bool wasFull = record->Full();
