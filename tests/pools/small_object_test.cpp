@@ -178,6 +178,10 @@ TEST(SmallObjectsDeathTest, ReleasesThatWouldDamageAPageAreRefusedWithAMessage) 
   EXPECT_DEATH(a.Free(p - 64), "ERROR: small-object allocator: position outside the slots");
   a.Free(p);
   EXPECT_DEATH(a.Free(p), "ERROR: small-object allocator: slot released twice");
+  // A page of another allocator, or foreign data that happens to carry the mark.
+  Allocator other;
+  other.Allocate(32);  // its page 0 exists, but is not the page of a's block
+  EXPECT_DEATH(other.Free(a.Allocate(32)), "ERROR: small-object allocator: block is not on a page of this allocator");
 }
 
 TEST(SmallObjectsProcess, FrontDoorRoutingAndEightThreadsUnderTheLock) {

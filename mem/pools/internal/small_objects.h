@@ -85,6 +85,9 @@ class ZMXUTI_INTERNAL_API Allocator {
     const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(block) - reinterpret_cast<std::uintptr_t>(record);
     const int pos = static_cast<int>(offset >> 2);
     if (ZMX_UNLIKELY(offset & 3)) BadRelease(block, "position not at a slot");
+    // A page that only looks marked (foreign data that happens to hold the mark) is not in the table.
+    if (ZMX_UNLIKELY(static_cast<unsigned int>(record->number) >= nextNumber_ || At(record->number).record != record))
+      BadRelease(block, "block is not on a page of this allocator");
     if (const char* problem = record->SlotProblem(pos)) BadRelease(block, problem);
     CheckNotFreeAlready(record, pos);
     const bool wasFull = record->Full();
