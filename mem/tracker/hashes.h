@@ -28,15 +28,20 @@ class ZMXUTI_API mem_PtrHash {
   mem_PtrHash(const mem_PtrHash&) = delete;
   mem_PtrHash& operator=(const mem_PtrHash&) = delete;
 
-  // Rebuilds first when used * 3 >= capacity * 2. Adding a present key overwrites its value and
-  // still counts it as a new live entry (deliberately: no presence test).
+  // Rebuilds first when used * 3 >= capacity * 2 (also the first build of a table made with n <= 0,
+  // which sets Resized() like any rebuild). Adding a present key overwrites its value and still
+  // counts it as a new live entry (deliberately: no presence test). The sentinel keys kEmpty and
+  // kDeleted cannot be stored: Add ignores them, with no effect at all. A table that needs more than
+  // the largest capacity (134217757 slots) stays at that size and fills on; taking its last free
+  // slot aborts the process with "ERROR: mem_PtrHash::Add  --  table cannot grow beyond ...".
   void Add(std::int64_t key, int value);
-  int LookUp(std::int64_t key) const;  // kNotFound when absent
+  int LookUp(std::int64_t key) const;  // kNotFound when absent (always for the sentinel keys)
   void Delete(std::int64_t key);       // the slot becomes DELETED; used stays
   // "\nHASHING INFORMATION\n" and the lines after it, to `stream`.
   void PrintStatistics(std::FILE* stream) const;
   float HitRate() const;  // probes / lookups; 0 without lookups
-  // The live values in slot order, in an array from mem_cMalloc (release with mem_cFree); null when none.
+  // The live values in slot order, in an array from mem_cMalloc (release with mem_cFree); null when
+  // none. *count receives the number of values (the stored entries, which Live() can exceed).
   int* Values(int* count) const;
 
   unsigned int Capacity() const { return capacity_; }
@@ -51,6 +56,8 @@ class ZMXUTI_API mem_PtrHash {
     int value;
   };
   void Build(int n);
+  void Rebuild();
+  void Place(std::int64_t key, int value);  // search, store, count: no rebuild check
   int Search(std::int64_t key) const;
 
   Slot* table_;
@@ -75,6 +82,8 @@ class ZMXUTI_API mem_StackHash {
   mem_StackHash& operator=(const mem_StackHash&) = delete;
 
   // Ends the process (status 0, message on stderr) once two thirds of the slots are used.
+  // The key (non-null) is copied into the string pool, which grows by 32768 bytes at a time
+  // with a warning on stderr. Inserting a present key overwrites its value and counts it again.
   void Insert(const char* key, int value);
   int LookUp(const char* key) const;  // kNotFound when absent
   float HitRate() const;
@@ -92,6 +101,9 @@ class ZMXUTI_API mem_StackHash {
     int value;
   };
   int Search(const char* key) const;
+  bool Occupied(int slot) const { return slots_[slot].key != emptyMarker_ && slots_[slot].key != deletedMarker_; }
+  const char* CopyToPool(const char* key);
+  void GrowPool(std::int64_t needed);
 
   Slot slots_[kCapacity];
   int used_;
