@@ -33,8 +33,6 @@ bool IsSentinel(std::int64_t key) { return key == mem_PtrHash::kEmpty || key == 
 
 }  // namespace
 
-static_assert(sizeof(std::int64_t) + sizeof(int) <= 16, "a slot is 16 bytes");
-
 mem_PtrHash::mem_PtrHash(int n)
     : table_(nullptr), used_(0), live_(0), capacity_(0), lookups_(0), probes_(0), resized_(false), memory_(0) {
   if (n > 0) Build(n);
@@ -45,6 +43,7 @@ mem_PtrHash::~mem_PtrHash() {
 }
 
 void mem_PtrHash::Build(int n) {
+  static_assert(sizeof(Slot) == 16, "memory counts 16 bytes a slot");
   capacity_ = CapacityFor(2 * static_cast<std::int64_t>(n));
   const std::size_t bytes = static_cast<std::size_t>(capacity_) * sizeof(Slot);
   table_ = static_cast<Slot*>(mem_cMalloc(bytes));
