@@ -10,6 +10,7 @@
 #include "mem/pools/region.h"
 #include "mem/pools/cache_manager.h"
 #include "mem/pools/cache_pool.h"
+#include "mem/tracker/hashes.h"
 
 #include "streams/ios.h"
 #include "streams/istream.h"
