@@ -119,17 +119,21 @@ namespace {
 // Where chart values land in the SVG's plot area.
 struct Plot {
   static constexpr double kWidth = 1000, kHeight = 400, kLeft = 90, kTop = 30, kW = 890, kH = 320;
-  std::uint32_t first = 0, last = 1;
+  std::uint64_t first = 0, last = 1;
+  std::uint64_t peakBytes = 1;  // kept whole: near 2^64 a double rounds past the integer range
   double peak = 1;
   explicit Plot(const Report& r) {
     if (!r.chart.empty()) {
       first = r.chart.front().firstTransaction;
-      last = std::max(r.chart.back().lastTransaction, first + 1);
+      last = std::max<std::uint64_t>(r.chart.back().lastTransaction, first + 1);
     }
-    peak = std::max<double>(1.0, static_cast<double>(r.peakLive));
-    for (const ChartPoint& p : r.chart) peak = std::max(peak, static_cast<double>(p.maxLive));
+    peakBytes = std::max<std::uint64_t>(1, r.peakLive);
+    for (const ChartPoint& p : r.chart) peakBytes = std::max(peakBytes, p.maxLive);
+    peak = static_cast<double>(peakBytes);
   }
-  double X(double t) const { return kLeft + kW * (t - first) / (static_cast<double>(last) - first); }
+  double X(double t) const {
+    return kLeft + kW * (t - static_cast<double>(first)) / static_cast<double>(last - first);
+  }
   double Y(double bytes) const { return kTop + kH * (1.0 - bytes / peak); }
 };
 
@@ -164,7 +168,7 @@ void SvgAxes(const Report& r, const Plot& plot, std::ostream& out) {
       << "\" stroke=\"black\"/>\n<line x1=\"" << Plot::kLeft << "\" y1=\"" << Plot::kTop << "\" x2=\""
       << Plot::kLeft << "\" y2=\"" << bottom << "\" stroke=\"black\"/>\n";
   out << "<text x=\"" << Plot::kLeft - 6 << "\" y=\"" << Plot::kTop + 4 << "\" text-anchor=\"end\">"
-      << static_cast<std::uint64_t>(plot.peak) << "</text>\n<text x=\"" << Plot::kLeft - 6 << "\" y=\"" << bottom
+      << plot.peakBytes << "</text>\n<text x=\"" << Plot::kLeft - 6 << "\" y=\"" << bottom
       << "\" text-anchor=\"end\">0</text>\n";
   out << "<text x=\"" << Plot::kLeft << "\" y=\"" << bottom + 16 << "\">" << plot.first << "</text>\n<text x=\""
       << right << "\" y=\"" << bottom + 16 << "\" text-anchor=\"end\">" << plot.last << "</text>\n";
