@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <istream>
 
@@ -45,10 +46,15 @@ std::uint64_t CheckedCount(std::istream& in, std::uint64_t size, std::size_t ent
   return count;
 }
 
-// Opens `path` for reading; returns false when it does not exist.
+// Opens `path` for reading; returns false when it does not exist. A file that
+// exists but cannot be read is an error, not the end of the numbered files.
 bool Open(std::ifstream& in, const std::string& path, std::uint64_t& size) {
+  std::error_code error;
+  auto status = std::filesystem::status(path, error);
+  if (status.type() == std::filesystem::file_type::not_found) return false;
+  if (status.type() != std::filesystem::file_type::regular) throw InputError(path + ": not a regular file");
   in.open(path, std::ios::binary);
-  if (!in) return false;
+  if (!in) throw InputError(path + ": cannot be opened for reading");
   in.seekg(0, std::ios::end);
   std::streamoff end = in.tellg();
   in.seekg(0, std::ios::beg);
