@@ -55,7 +55,7 @@ class ZMXUTI_API atr_translate {
   void NumberUnnumbered();
   void SortByPosition();
 
-  const char* m_key;
+  [[maybe_unused]] const char* m_key;  // kept with the message for debuggers; nothing reads it
   int m_count;
   StrArgs* m_args;
   StrArgs** m_sorted;
