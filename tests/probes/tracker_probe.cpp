@@ -110,20 +110,23 @@ void DebugTransactions() {
 void Untracked() {
   Up();
   void* a = mem_Malloc(10);
+  void* g = mem_Malloc(16);
   Tracker::StopTracking();
   void* b = mem_Malloc(20);
   void* c = g_new(30);
   mem_Free(a);  // acquired before the stop: recorded
   void* d = mem_Realloc(b, 5000);
   void* e = mem_Malloc(5);
+  g = mem_Realloc(g, 6000);  // a tracked block moved while stopped: neither recorded nor filtered
   Tracker::StartTracking();
   mem_Free(d);
   g_delete(c);
   void* f = mem_Malloc(60);
   mem_Free(f);
   mem_Free(e);
+  mem_Free(g);
   Tracker::Shutdown();
-  std::printf("a=%llu f=%llu\n", Address(a), Address(f));
+  std::printf("a=%llu f=%llu g=%llu\n", Address(a), Address(f), Address(g));
 }
 
 // A name of the length given as argument.
