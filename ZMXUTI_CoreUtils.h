@@ -11,6 +11,7 @@
 #include "mem/pools/cache_manager.h"
 #include "mem/pools/cache_pool.h"
 #include "mem/tracker/hashes.h"
+#include "mem/tracker/tracker.h"
 
 #include "streams/ios.h"
 #include "streams/istream.h"

@@ -1,5 +1,6 @@
-// The process tracking mode, the installed tracker sink and the per-entry-point
-// re-evaluation of the cached mode.
+// The process tracking mode, the installed tracker sink (the memory tracker
+// unless a test double replaces it) and the per-entry-point re-evaluation of
+// the cached mode.
 #include <cstdlib>
 
 #include "mem/internal/tracker_hooks.h"
@@ -12,22 +13,6 @@ namespace {
 int g_processMode = kTrackingUnknown;
 TrackerSink* g_sink = nullptr;
 
-class SilentSink final : public TrackerSink {
- public:
-  void RecordMalloc(void*, std::size_t) override {}
-  void RecordFree(void*) override {}
-  void RecordNew(void*, std::size_t) override {}
-  void RecordDelete(void*) override {}
-  void RecordRealloc(void*, void*, std::size_t) override {}
-  void RecordCalloc(void*, std::size_t, std::size_t) override {}
-  void RecordValloc(void*, std::size_t) override {}
-  void RecordRelease(void*) override {}
-  void RecordAcquire(void*) override {}
-  void PrepareThread() override {}
-};
-
-SilentSink g_silentSink;
-
 }  // namespace
 
 int ProcessTrackingMode() {
@@ -38,7 +23,7 @@ int ProcessTrackingMode() {
 
 void SetProcessTrackingMode(int mode) { g_processMode = mode; }
 
-TrackerSink& Tracker() { return g_sink != nullptr ? *g_sink : g_silentSink; }
+TrackerSink& Tracker() { return g_sink != nullptr ? *g_sink : TrackerRecorder(); }
 
 TrackerSink* InstallTrackerSink(TrackerSink* sink) {
   TrackerSink* previous = g_sink;

@@ -1,5 +1,6 @@
 // The memory tracker as the front door sees it: the process tracking mode and
-// one recording call per transaction kind. The tracker installs its sink; each
+// one recording call per transaction kind. The memory tracker is the sink unless
+// another one is installed (test doubles); each
 // front-door entry point keeps its own cached mode so that an untracked process
 // pays one comparison per call.
 #ifndef ZMXUTI_MEM_INTERNAL_TRACKER_HOOKS_H
@@ -42,9 +43,11 @@ class TrackerSink {
   ~TrackerSink() = default;
 };
 
-// The installed sink (a sink that records nothing until the tracker installs its own).
+// The installed sink, by default the memory tracker's recorder.
 TrackerSink& Tracker();
-// Installs `sink`; returns the previous one. Null restores the silent sink.
+// The memory tracker's recorder (mem/tracker).
+TrackerSink& TrackerRecorder();
+// Installs `sink`; returns the previous one. Null restores the tracker's recorder.
 ZMXUTI_INTERNAL_API TrackerSink* InstallTrackerSink(TrackerSink* sink);
 
 // One entry point's cached mode: 0 at load, 1 final (off), 2 on while the process mode is 2.
