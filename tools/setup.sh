@@ -10,6 +10,7 @@ packages=(
   valgrind                                    # memory checking of the suite
   locales                                     # locale sources the case tests compile
   libmimalloc-dev libjemalloc-dev libgoogle-perftools-dev  # allocator peers
+  heaptrack                                                 # tracking peer
   libroaring-dev libabsl-dev libjudy-dev                    # container peers
 )
 

@@ -142,6 +142,7 @@ struct Plot {
 void SvgPhaseBands(const Report& r, const Plot& plot, std::ostream& out) {
   static const char* const kColours[] = {"#e8f0fe", "#fef3e0", "#e6f4ea", "#fce8e6", "#f3e8fd", "#e0f7fa"};
   double labelEnd = 0;
+  double lastLine = -1e9;  // phases that change faster than a few pixels keep their bands, not a line each
   for (std::size_t i = 0; i < r.chart.size();) {
     std::size_t j = i;
     while (j + 1 < r.chart.size() && r.chart[j + 1].phase == r.chart[i].phase) ++j;
@@ -151,9 +152,11 @@ void SvgPhaseBands(const Report& r, const Plot& plot, std::ostream& out) {
     out << "<rect x=\"" << x0 << "\" y=\"" << Plot::kTop << "\" width=\"" << std::max(0.5, x1 - x0)
         << "\" height=\"" << Plot::kH << "\" fill=\"" << kColours[r.chart[i].phase % 6] << "\"><title>" << name
         << "</title></rect>\n";
-    if (i > 0)
+    if (i > 0 && x0 - lastLine >= 12) {
+      lastLine = x0;
       out << "<line x1=\"" << x0 << "\" y1=\"" << Plot::kTop << "\" x2=\"" << x0 << "\" y2=\""
           << Plot::kTop + Plot::kH << "\" stroke=\"#999\" stroke-dasharray=\"3,3\"/>\n";
+    }
     if (x0 >= labelEnd) {  // a label that would overlap the previous one is left to the band's tooltip
       out << "<text x=\"" << x0 + 2 << "\" y=\"" << Plot::kTop - 4 << "\" fill=\"#555\">" << name << "</text>\n";
       labelEnd = x0 + 8 + 6.5 * static_cast<double>(r.phases.Name(r.chart[i].phase).size());
