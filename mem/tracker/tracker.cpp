@@ -171,6 +171,7 @@ void mem_Tracker_Interface::SetOutputName(const char* name) {
   if (!TrackingOn()) return;
   Tracker& t = Instance();
   if (!TrackingOn()) return;  // creation may have switched tracking off
+  Locked guard(t.lock);       // a batch may be written under the old name meanwhile
   t.nameSet = true;
   ApplyNamingRule(t, name != nullptr ? name : "");
 }
