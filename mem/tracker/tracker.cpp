@@ -135,6 +135,7 @@ void ReportLimitOnce(Limit limit) {
       "memTracker  --  phase name of 128 characters or more: only the first 127 are kept\n",
       "memTracker  --  phase exit without a matching enter: ignored\n",
       "memTracker  --  explicit string length outside 0..151: the string is cut to fit\n",
+      "memTracker  --  transaction numbers past 2147483647: their batches are dropped\n",
   };
   static_assert(sizeof kMessages / sizeof kMessages[0] == static_cast<int>(Limit::kCount), "one message per limit");
   static std::atomic<bool> reported[static_cast<int>(Limit::kCount)];
@@ -170,6 +171,7 @@ void mem_Tracker_Interface::SetOutputName(const char* name) {
   if (!TrackingOn()) return;
   Tracker& t = Instance();
   if (!TrackingOn()) return;  // creation may have switched tracking off
+  Locked guard(t.lock);       // a batch may be written under the old name meanwhile
   t.nameSet = true;
   ApplyNamingRule(t, name != nullptr ? name : "");
 }

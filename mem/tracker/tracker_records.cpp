@@ -42,7 +42,15 @@ void Append(Tracker& t, OperationCode code, const void* block, const void* previ
   r.thread = static_cast<std::uint32_t>(thread);
   // A free record keeps the phase its slot last held (deliberately).
   if (code != kFree) r.phase = t.currentPhase[thread].load(std::memory_order_relaxed);
-  if (++t.buffered == kBatchRecords) FlushRecords(t);
+  if (++t.buffered == kBatchRecords) {
+    FlushRecords(t);
+    // Past 2147483647 transactions the counter is negative and the flush writes
+    // nothing; the full buffer must still be emptied before the next record.
+    if (t.buffered == kBatchRecords) {
+      ReportLimitOnce(Limit::kTransactionCount);
+      t.buffered = 0;
+    }
+  }
 }
 
 void RecordAcquiring(OperationCode code, const void* block, std::uint64_t size) {

@@ -122,6 +122,9 @@ TEST(TrackerRecords, EveryFieldOfEveryOperationOnTwoThreadsInPhases) {
             "mark  --  Monitored TransId = 11\n");
   // "/job" in the output directory: the directory goes after the name's last '/'.
   EXPECT_EQ(dir.Files(), (std::set<std::string>{"job.memT0", "job.phaseStack"}));
+  for (const std::string& name : dir.Files())  // whatever the umask: the owner's files
+    EXPECT_EQ(fs::status(dir.path() + "/" + name).permissions(), fs::perms::owner_read | fs::perms::owner_write)
+        << name;
   const std::vector<Record> r = ReadRecords(dir.path() + "/job.memT0");
   ASSERT_EQ(r.size(), 11u);
   for (std::uint32_t i = 0; i < r.size(); ++i) EXPECT_EQ(r[i].number, i);

@@ -111,7 +111,8 @@ void ParseDebugTransactions(Tracker& t, const char* value);
 int CurrentTransaction(Tracker& t);
 
 // Limits the library adds; each is reported once per process on standard error.
-enum class Limit { kThreads, kDepth, kPathLength, kNameLength, kExitWithoutEnter, kExplicitLength, kCount };
+enum class Limit { kThreads, kDepth, kPathLength, kNameLength, kExitWithoutEnter, kExplicitLength, kTransactionCount,
+                   kCount };
 void ReportLimitOnce(Limit limit);
 
 }  // namespace mem_tracker
