@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "core/export.h"
 
@@ -51,6 +52,11 @@ ZMXUTI_INTERNAL_API void WaitEvent(Event* event);
 // True while the process has only ever had one thread: a lock that no other
 // thread can reach may then be skipped (inline, platform/<os>/threads_inline.h).
 inline bool ProcessIsSingleThreaded();
+
+// ---- files ----
+// Creates or truncates `path` for reading and writing in binary mode, readable
+// and writable by its owner only; null when it cannot be opened.
+std::FILE* OpenOwnerFile(const char* path);
 
 // ---- runtime locale ----
 // Whether the calling thread runs under the process-wide locale (the one

@@ -1,9 +1,5 @@
 // The memory tracker's output: the naming rule, the record batches, the phase
 // file and the list of transactions to announce (ZEM_MEM_DBTRANS).
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -13,6 +9,7 @@
 
 #include "mem/internal/tracker_hooks.h"
 #include "mem/tracker/internal/tracker_state.h"
+#include "platform/platform.h"
 
 namespace zmx {
 namespace mem_tracker {
@@ -75,15 +72,6 @@ void WritePhaseEntry(const char* path, int id, void* context) {
   ++w.count;
 }
 
-// Read and write for the owner only; an existing file is truncated.
-std::FILE* OpenOutputFile(const char* fileName) {
-  const int fd = ::open(fileName, O_RDWR | O_CREAT | O_TRUNC, S_IRUSR | S_IWUSR);
-  if (fd < 0) return nullptr;
-  std::FILE* file = ::fdopen(fd, "w+b");
-  if (file == nullptr) ::close(fd);
-  return file;
-}
-
 int ToInt(const char* piece) {
   errno = 0;
   const long value = std::strtol(piece, nullptr, 10);
@@ -116,7 +104,7 @@ void FlushRecords(Tracker& t) {
   if (t.transactionCounter <= 0) return;
   char fileName[kFileNameBytes];
   std::snprintf(fileName, sizeof fileName, "%s.memT%d", t.outputName, static_cast<int>(t.fileSequence));
-  if (std::FILE* file = OpenOutputFile(fileName)) {
+  if (std::FILE* file = zmx::platform::OpenOwnerFile(fileName)) {
     const std::uint32_t count = t.buffered;
     std::fwrite(&count, sizeof count, 1, file);
     std::fwrite(t.records, sizeof(TransactionRecord), count, file);
@@ -131,7 +119,7 @@ void FlushRecords(Tracker& t) {
 void WritePhaseFile(Tracker& t) {
   char fileName[kFileNameBytes];
   std::snprintf(fileName, sizeof fileName, "%s.phaseStack", t.outputName);
-  std::FILE* file = OpenOutputFile(fileName);
+  std::FILE* file = zmx::platform::OpenOwnerFile(fileName);
   if (file == nullptr) {
     ReportOpenFailure(t, fileName);
     return;
