@@ -53,6 +53,24 @@ class CountingLock {
   std::atomic<platform::Event*> event_{nullptr};
 };
 
+// Holds `lock` for a scope when `take` is true (every lock user decides for
+// itself whether this operation needs the lock).
+class CountingLockHold {
+ public:
+  explicit CountingLockHold(CountingLock& lock, bool take = true) : lock_(lock), held_(take) {
+    if (held_) lock_.Acquire();
+  }
+  ~CountingLockHold() {
+    if (held_) lock_.Release();
+  }
+  CountingLockHold(const CountingLockHold&) = delete;
+  CountingLockHold& operator=(const CountingLockHold&) = delete;
+
+ private:
+  CountingLock& lock_;
+  bool held_;
+};
+
 }  // namespace mem_internal
 }  // namespace zmx
 

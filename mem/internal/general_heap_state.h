@@ -164,20 +164,9 @@ inline void EnsureSetUp() {
 }
 
 // Holds the heap lock for one operation when the lock-use copy asks for it.
-class HeapLockGuard {
+class HeapLockGuard : CountingLockHold {
  public:
-  explicit HeapLockGuard(Heap& h) : heap_(h), locked_(h.lockUse != 0) {
-    if (locked_) heap_.lock.Acquire();
-  }
-  ~HeapLockGuard() {
-    if (locked_) heap_.lock.Release();
-  }
-  HeapLockGuard(const HeapLockGuard&) = delete;
-  HeapLockGuard& operator=(const HeapLockGuard&) = delete;
-
- private:
-  Heap& heap_;
-  bool locked_;
+  explicit HeapLockGuard(Heap& h) : CountingLockHold(h.lock, h.lockUse != 0) {}
 };
 
 [[noreturn]] void CorruptionDetected(const char* what);

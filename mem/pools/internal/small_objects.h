@@ -144,20 +144,10 @@ inline Allocator& Get() {
 
 // Holds the process-wide lock when the switch is on and another thread could
 // be running; a process that never started a second thread needs no atomics.
-class LockScope {
+class LockScope : CountingLockHold {
  public:
   explicit LockScope(bool wanted)
-      : held_(wanted && g_lockSwitch && !platform::ProcessIsSingleThreaded()) {
-    if (held_) g_lock.Acquire();
-  }
-  ~LockScope() {
-    if (held_) g_lock.Release();
-  }
-  LockScope(const LockScope&) = delete;
-  LockScope& operator=(const LockScope&) = delete;
-
- private:
-  bool held_;
+      : CountingLockHold(g_lock, wanted && g_lockSwitch && !platform::ProcessIsSingleThreaded()) {}
 };
 
 // The operations the front door routes to.

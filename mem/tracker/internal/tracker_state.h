@@ -77,16 +77,7 @@ struct Tracker {
   Tracker() : untracked(0) {}
 };
 
-class Locked {
- public:
-  explicit Locked(mem_internal::CountingLock& lock) : lock_(lock) { lock_.Acquire(); }
-  ~Locked() { lock_.Release(); }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-
- private:
-  mem_internal::CountingLock& lock_;
-};
+using Locked = mem_internal::CountingLockHold;
 
 // The tracker, created on first use (tracker.cpp); null before that / after shut-down.
 Tracker& Instance();
