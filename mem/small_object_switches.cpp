@@ -1,30 +1,23 @@
-// The small-object switches (mem_TBAllocator, mem_TBThreadLock) and the hook
-// through which the small-object allocator plugs into the front door.
+// The small-object switches (mem_TBAllocator, mem_TBThreadLock) and the
+// stand-in that tests may put in place of the small-object allocator.
 #include <cstdlib>
 
 #include "mem/allocation.h"
 #include "mem/internal/alloc_table.h"
-#include "mem/internal/small_object_hooks.h"
-#include "mem/pools/internal/small_objects.h"
+#include "mem/internal/small_object_routing.h"
 
 namespace zmx {
 namespace mem_internal {
 
 namespace {
-
-void* AllocatorAllocate(std::size_t size, bool lockWanted) { return small_objects::Allocate(size, lockWanted); }
-void AllocatorFree(void* block) { small_objects::Free(block); }
-
+SmallObjectOps g_standInOps;
 }  // namespace
 
-SmallObjectOps g_smallObjects = {AllocatorAllocate, AllocatorFree, small_objects::Reallocate, small_objects::SetLocking};
-bool g_smallObjectStandIn = false;
+const SmallObjectOps* g_smallObjectStandIn = nullptr;
 
-SmallObjectOps InstallSmallObjectOps(const SmallObjectOps& ops) {
-  const SmallObjectOps previous = g_smallObjects;
-  g_smallObjects = ops;
-  g_smallObjectStandIn = true;
-  return previous;
+void InstallSmallObjectOps(const SmallObjectOps& ops) {
+  g_standInOps = ops;
+  g_smallObjectStandIn = &g_standInOps;
 }
 
 }  // namespace mem_internal
@@ -48,5 +41,5 @@ extern "C" void mem_TBAllocator(int mode) {
 }
 
 extern "C" void mem_TBThreadLock(bool on) {
-  if (g_switches.tinyForMemMalloc) zmx::mem_internal::g_smallObjects.setLocking(on);
+  if (g_switches.tinyForMemMalloc) zmx::mem_internal::SmallSetLocking(on);
 }

@@ -1,5 +1,5 @@
-// The small-object allocator as the front door sees it: four operations, the
-// allocator of mem/pools by default; tests may install a stand-in.
+// A stand-in for the small-object allocator that tests may install: the front
+// door then calls these four operations instead of the allocator of mem/pools.
 #ifndef ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_HOOKS_H
 #define ZMXUTI_MEM_INTERNAL_SMALL_OBJECT_HOOKS_H
 
@@ -24,12 +24,11 @@ struct SmallObjectOps {
   void (*setLocking)(bool on);
 };
 
-extern SmallObjectOps g_smallObjects;
-// True once a stand-in was installed (the front door then calls through the hooks).
-extern bool g_smallObjectStandIn;
+// The installed stand-in, null while the real allocator serves.
+extern const SmallObjectOps* g_smallObjectStandIn;
 
-// Installs `ops` (all four set); returns the previous operations.
-ZMXUTI_INTERNAL_API SmallObjectOps InstallSmallObjectOps(const SmallObjectOps& ops);
+// Installs `ops` (all four set) for the rest of the process.
+ZMXUTI_INTERNAL_API void InstallSmallObjectOps(const SmallObjectOps& ops);
 
 }  // namespace mem_internal
 }  // namespace zmx

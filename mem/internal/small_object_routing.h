@@ -10,14 +10,21 @@ namespace zmx {
 namespace mem_internal {
 
 inline void* SmallAllocate(std::size_t size, bool lockWanted) {
-  if (ZMX_UNLIKELY(g_smallObjectStandIn)) return g_smallObjects.allocate(size, lockWanted);
+  if (ZMX_UNLIKELY(g_smallObjectStandIn != nullptr)) return g_smallObjectStandIn->allocate(size, lockWanted);
   return small_objects::Allocate(size, lockWanted);
 }
 inline void SmallFree(void* block) {
-  if (ZMX_UNLIKELY(g_smallObjectStandIn)) return g_smallObjects.free(block);
+  if (ZMX_UNLIKELY(g_smallObjectStandIn != nullptr)) return g_smallObjectStandIn->free(block);
   small_objects::Free(block);
 }
-inline void* SmallReallocate(void* block, std::size_t size) { return g_smallObjects.reallocate(block, size); }
+inline void* SmallReallocate(void* block, std::size_t size) {
+  if (g_smallObjectStandIn != nullptr) return g_smallObjectStandIn->reallocate(block, size);
+  return small_objects::Reallocate(block, size);
+}
+inline void SmallSetLocking(bool on) {
+  if (g_smallObjectStandIn != nullptr) return g_smallObjectStandIn->setLocking(on);
+  small_objects::SetLocking(on);
+}
 
 }  // namespace mem_internal
 }  // namespace zmx
