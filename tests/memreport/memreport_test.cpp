@@ -11,6 +11,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <unistd.h>
@@ -35,9 +36,7 @@ class MemReport : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(m_dir); }
 
-  static void WriteBytes(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
+  static void WriteBytes(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
   static std::string U32(std::uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
   void WriteRecords(int file, const std::vector<Record>& records, int countDelta = 0) {
     std::string bytes = U32(static_cast<std::uint32_t>(records.size() + countDelta));
@@ -50,10 +49,8 @@ class MemReport : public ::testing::Test {
   }
   void WritePhases(const std::map<std::uint32_t, std::string>& phases, bool terminate = true) {
     std::string bytes = U32(static_cast<std::uint32_t>(phases.size()));
-    for (const auto& p : phases) {
-      std::string field = p.second + std::string(memreport::kPhasePathBytes - p.second.size(), terminate ? '\0' : 'x');
-      bytes += U32(p.first) + field;
-    }
+    for (const auto& p : phases)
+      bytes += U32(p.first) + p.second + std::string(memreport::kPhasePathBytes - p.second.size(), terminate ? '\0' : 'x');
     WriteBytes(m_name + ".phaseStack", bytes);
   }
   // The next record, numbered in transaction order.
@@ -80,9 +77,8 @@ class MemReport : public ::testing::Test {
 void MemReport::WriteKnownRun() {
   using namespace memreport;
   WritePhases({{0, "ROOT"}, {1, "ROOT->solve"}, {2, "ROOT->solve->assemble"}});
-  std::vector<Record> first = {Op(kMalloc, 0x1000, 100, 0, 1), Op(kNew, 0x2000, 50, 1, 2),
-                               Op(kCalloc, 0x3000, 30, 0, 2)};
-  std::vector<Record> second = {
+  WriteRecords(0, {Op(kMalloc, 0x1000, 100, 0, 1), Op(kNew, 0x2000, 50, 1, 2), Op(kCalloc, 0x3000, 30, 0, 2)});
+  WriteRecords(1, {
       Release(kFree, 0x1000),                    // 80 live
       Op(kRealloc, 0x4000, 200, 1, 1, 0x2000),   // moves 50 -> 200: 230 live
       Release(kDelete, 0x9999, 1),               // never allocated
@@ -93,13 +89,11 @@ void MemReport::WriteKnownRun() {
       Op(kRealloc, 0, 0, 2, 0, 0x5000),          // realloc to size 0 frees
       Op(kRealloc, 0, 99, 0, 2, 0x3000),         // a failed realloc keeps the block
       Op(kMalloc, 0x6000, 5, 0, 2),
-      Release(kFree, 0x6000, 0x7777)};           // a stale phase no one knows
-  WriteRecords(0, first);
-  WriteRecords(1, second);
+      Release(kFree, 0x6000, 0x7777)});          // a stale phase no one knows
   WriteBytes(m_name + ".memT3", "garbage");
 }
 
-TEST_F(MemReport, TextReportOfAKnownRun) {
+TEST_F(MemReport, AKnownRunAsTextAsJsonWithTopAndAsSvg) {
   WriteKnownRun();
   zmx_test::ChildResult result = Tool({});
   ASSERT_TRUE(zmx_test::ExitedCleanly(result));
@@ -115,12 +109,8 @@ TEST_F(MemReport, TextReportOfAKnownRun) {
             "leaks by thread:\n  200 bytes in 1 blocks  thread 1\n  30 bytes in 1 blocks  thread 0\n"
             "allocations by phase:\n  300 bytes in 2 allocations  ROOT->solve\n"
             "  85 bytes in 3 allocations  ROOT->solve->assemble\n  10 bytes in 1 allocations  ROOT\n");
-}
-
-TEST_F(MemReport, JsonTopAndSvgCarryTheSameRun) {
-  WriteKnownRun();
-  std::string svgPath = (m_dir / "chart.svg").string();
-  zmx_test::ChildResult result = Tool({"--json", "--top", "1", "--svg", svgPath});
+  const std::string svgPath = (m_dir / "chart.svg").string();
+  result = Tool({"--json", "--top", "1", "--svg", svgPath});
   ASSERT_TRUE(zmx_test::ExitedCleanly(result));
   for (const char* field :
        {"\"record_files\": 2", "\"transactions\": 14", "\"realloc\": 3", "\"bytes_allocated\": 395",
@@ -130,7 +120,7 @@ TEST_F(MemReport, JsonTopAndSvgCarryTheSameRun) {
     EXPECT_NE(result.out.find(field), std::string::npos) << field << "\n" << result.out;
   EXPECT_EQ(result.out.find("assemble"), std::string::npos) << "--top 1 keeps one row per table";
   std::ifstream in(svgPath);
-  std::string svg((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string svg((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   EXPECT_EQ(svg.rfind("<svg ", 0), 0u);
   EXPECT_NE(svg.find(">ROOT-&gt;solve-&gt;assemble</text>"), std::string::npos) << "phase change marked";
   EXPECT_NE(svg.find("peak 240 at 9"), std::string::npos);
@@ -188,8 +178,8 @@ TEST_F(MemReport, MalformedInputIsRefusedWithStatus2) {
   }
 }
 
-// Random runs against a plain map of live blocks: live bytes, peak, leaks by
-// thread, and a chart that stays within its point budget and ends at the peak.
+// Random runs against a map of live blocks: live bytes, peak, leaks by thread, and
+// a chart within its point budget that reaches the peak and ends at the live bytes.
 TEST(MemReportAnalyzer, MatchesALiveSetModel) {
   std::mt19937 rng(7);
   memreport::PhaseTable phases;  // absent: every phase id is accepted
@@ -217,17 +207,15 @@ TEST(MemReportAnalyzer, MatchesALiveSetModel) {
     }
     memreport::Report report;
     analyzer.Finish(report);
-    EXPECT_EQ(report.liveBytes, bytes);
-    EXPECT_EQ(report.liveBlocks, live.size());
-    EXPECT_EQ(report.peakLive, peak);
-    EXPECT_EQ(report.peakTransaction, peakAt);
+    EXPECT_EQ(std::make_tuple(report.liveBytes, report.liveBlocks, report.peakLive, report.peakTransaction),
+              std::make_tuple(bytes, live.size(), peak, peakAt));  // live bytes, blocks, peak and where
     std::map<std::uint32_t, std::uint64_t> byThread;
     for (const auto& block : live) byThread[block.second.second] += block.second.first;
     for (const memreport::Group& g : report.leaksByThread) EXPECT_EQ(g.bytes, byThread[g.key]);
     EXPECT_EQ(report.leaksByThread.size(), byThread.size());
     ASSERT_LE(report.chart.size(), memreport::kChartPoints);
-    EXPECT_EQ(report.chart.back().endLive, bytes);
-    EXPECT_EQ(report.chart.back().lastTransaction, n - 1);
+    EXPECT_EQ(std::make_pair(report.chart.back().endLive, report.chart.back().lastTransaction),
+              std::make_pair(bytes, n - 1));
     std::uint64_t chartPeak = 0;
     for (const auto& p : report.chart) chartPeak = std::max(chartPeak, p.maxLive);
     EXPECT_EQ(chartPeak, peak);

@@ -1,8 +1,6 @@
-// Fresh-process scenarios for the memory tracker (ZEM_MEM_TRACK and its
-// companions are read once): known transactions in known phases and threads,
-// batches, announced transactions, stop/start, naming, limits and the
-// phase-table overflow. Scenarios print the addresses they used; the files are
-// checked by tests/tracker.
+// Fresh-process scenarios for the memory tracker (its environment is read once):
+// known transactions in phases and threads, batches, announced transactions,
+// stop/start, naming, limits, overflow. tests/tracker checks the files written.
 #include <pthread.h>
 
 #include <cstdint>
@@ -19,10 +17,7 @@ namespace {
 using Tracker = mem_Tracker_Interface;
 
 // Memory only: no other component allocates behind the scenario's back.
-void Up() {
-  int depth = 0;
-  mem_initialize(depth);
-}
+void Up() { zmx_probe::BringUp(mem_initialize); }
 
 // Calls through volatile pointers so that no allocation is elided.
 void* (*volatile g_new)(std::size_t) = &::operator new;
@@ -50,7 +45,6 @@ void* Worker(void*) {
 // Every operation code but valloc, on two threads, in phases.
 void Records() {
   Up();
-  std::printf("start=%d\n", Tracker::CurrTransactionId());
   Tracker::SetOutputName("/job");
   void* p = mem_Malloc(24);
   Tracker::EnterPhase("load", 1);
@@ -137,14 +131,8 @@ void SetName() {
   std::printf("active=%d\n", Tracker::IsTrackingActive() ? 1 : 0);
 }
 
-void OneRecordAndShutdown() {
-  Up();
-  mem_Free(mem_Malloc(8));
-  std::printf("active=%d\n", Tracker::IsTrackingActive() ? 1 : 0);
-  MEM_TRACKER_SHUTDOWN();
-}
-
-void Off() {
+// One malloc/free pair and one announced phase (run with tracking on and off).
+void OneRecord() {
   Up();
   mem_Free(mem_Malloc(8));
   int one = 1;
@@ -158,13 +146,6 @@ void* OneTransaction(void*) {
   return nullptr;
 }
 
-void EnterMany(int count, const char* name) {
-  for (int i = 0; i < count; ++i) Tracker::EnterPhase(name, 0);
-}
-void ExitMany(int count) {
-  for (int i = 0; i < count; ++i) Tracker::ExitPhase(0);
-}
-
 void Limits() {
   Up();
   int one = 1;
@@ -172,8 +153,8 @@ void Limits() {
   std::memset(longName, 'n', 200);
   MEM_TRACKER_ENTERPHASE(&one, longName, 200);
   MEM_TRACKER_EXITPHASE(&one);
-  EnterMany(1030, "d");
-  ExitMany(1030);
+  for (int i = 0; i < 1030; ++i) Tracker::EnterPhase("d", 0);
+  for (int i = 0; i < 1030; ++i) Tracker::ExitPhase(0);
   Tracker::EnterPhase("y", 1);  // back at ROOT
   Tracker::ExitPhase(0);
   for (int i = 0; i < 70; ++i) RunThread(OneTransaction, nullptr);
@@ -197,15 +178,9 @@ void Overflow() {
 }
 
 const zmx_probe::Scenario kScenarios[] = {
-    {"records", Records},
-    {"batches", Batches},
-    {"debug_transactions", DebugTransactions},
-    {"untracked", Untracked},
-    {"set_name", SetName},
-    {"one_record", OneRecordAndShutdown},
-    {"off", Off},
-    {"limits", Limits},
-    {"overflow", Overflow},
+    {"records", Records}, {"batches", Batches}, {"debug_transactions", DebugTransactions},
+    {"untracked", Untracked}, {"set_name", SetName}, {"one_record", OneRecord},
+    {"limits", Limits}, {"overflow", Overflow},
 };
 
 }  // namespace

@@ -1,7 +1,6 @@
-// The pointer and stack hashes: a randomized run of the pointer hash against a
-// std::unordered_map (values, live count with its overwrite quirk, rebuilds and
-// capacities), its sizing and rebuild points and statistics print, and the stack
-// hash's collisions, string-pool growth, overfill exit and slot walk.
+// The pointer hash against a std::unordered_map (live count with its overwrite quirk,
+// rebuilds, capacities), its sizing and statistics; the stack hash's collisions, pool
+// growth, overfill exit and slot walk.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,9 +20,8 @@ namespace {
 
 // The first capacity not smaller than `wanted`, as the table sizes itself.
 unsigned int ExpectedCapacity(std::int64_t wanted) {
-  for (unsigned int c : {15683u, 19609u, 31397u, 65521u, 262139u, 524287u, 1048573u}) {
+  for (unsigned int c : {15683u, 19609u, 31397u, 65521u, 262139u, 524287u, 1048573u})
     if (c >= wanted) return c;
-  }
   return 0;
 }
 
@@ -60,12 +58,9 @@ TEST(PtrHash, RandomAddsDeletesAndLookupsAgreeWithAMapIncludingTheLiveCountOfOve
   auto any = [&rng](const std::vector<std::int64_t>& from, std::int64_t otherwise) {
     return from.empty() ? otherwise : from[rng() % from.size()];
   };
-  int live = 0;
-  int rebuilds = 0;
-  int shrinks = 0;
+  int live = 0, rebuilds = 0, shrinks = 0;
   for (int op = 0; op < 200000; ++op) {
-    // Filling and draining phases alternate: used slots keep growing while the
-    // entries rise and fall, so rebuilds both grow and shrink the table.
+    // Filling and draining phases alternate, so rebuilds both grow and shrink the table.
     const int roll = static_cast<int>(rng() % 100);
     const bool add = roll < ((op / 20000) % 2 == 0 ? 70 : 15);
     const bool lookUp = roll >= 90;
@@ -85,11 +80,9 @@ TEST(PtrHash, RandomAddsDeletesAndLookupsAgreeWithAMapIncludingTheLiveCountOfOve
       ++live;
       ASSERT_EQ(map.Capacity(), rebuild ? ExpectedCapacity(2 * std::int64_t{liveBefore}) : capacityBefore)
           << "op " << op;
-      if (rebuild) {
-        ++rebuilds;
-        shrinks += map.Capacity() < capacityBefore ? 1 : 0;
-        ASSERT_EQ(map.Used(), static_cast<int>(model.size())) << "a rebuilt table holds no deleted slots";
-      }
+      rebuilds += rebuild;
+      shrinks += map.Capacity() < capacityBefore;
+      if (rebuild) { ASSERT_EQ(map.Used(), static_cast<int>(model.size())) << "rebuilt, no deleted slots"; }
     } else if (!lookUp) {
       if (!present.empty()) {
         const std::size_t at = rng() % present.size();
@@ -131,7 +124,6 @@ TEST(PtrHash, SizesRebuildPointsSlotReuseAndSentinelKeys) {
   }
 
   mem_PtrHash lazy(0);
-  EXPECT_EQ(lazy.Capacity(), 0u);
   EXPECT_EQ(lazy.LookUp(0x1000), mem_PtrHash::kNotFound);
   lazy.Delete(0x1000);
   lazy.Add(mem_PtrHash::kEmpty, 1);  // sentinels are ignored: not even the first build happens
@@ -141,15 +133,14 @@ TEST(PtrHash, SizesRebuildPointsSlotReuseAndSentinelKeys) {
   lazy.Add(0x1000, 5);
   EXPECT_EQ(lazy.Capacity(), 15683u);
   lazy.Delete(0x1000);
-  EXPECT_EQ(lazy.LookUp(0x1000), mem_PtrHash::kNotFound);
-  EXPECT_EQ(lazy.LookUp(mem_PtrHash::kDeleted), mem_PtrHash::kNotFound);
-  EXPECT_EQ(lazy.LookUp(mem_PtrHash::kEmpty), mem_PtrHash::kNotFound);
+  for (std::int64_t key : {std::int64_t{0x1000}, mem_PtrHash::kDeleted, mem_PtrHash::kEmpty})
+    EXPECT_EQ(lazy.LookUp(key), mem_PtrHash::kNotFound) << key;
   lazy.Add(0x1000, 7);  // takes the deleted slot back
   EXPECT_EQ(lazy.Used(), 1);
   lazy.Add(0x1000, 8);  // an overwrite still counts as a new live entry
-  EXPECT_EQ(lazy.LookUp(0x1000), 8);
   EXPECT_EQ(lazy.Used(), 1);
   EXPECT_EQ(lazy.Live(), 2);
+  EXPECT_EQ(lazy.LookUp(0x1000), 8);
   EXPECT_EQ(SortedValues(lazy), std::vector<int>{8});
 
   mem_PtrHash map(1);
