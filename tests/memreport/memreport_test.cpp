@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <random>
@@ -36,22 +35,23 @@ class MemReport : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(m_dir); }
 
-  static void WriteBytes(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+  // Writes the output name + suffix (".memT0", ".phaseStack").
+  void Write(const std::string& suffix, const std::string& bytes) { std::ofstream(m_name + suffix) << bytes; }
   static std::string U32(std::uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
-  void WriteRecords(int file, const std::vector<Record>& records, int countDelta = 0) {
-    std::string bytes = U32(static_cast<std::uint32_t>(records.size() + countDelta));
+  static std::string Records(const std::vector<Record>& records) {
+    std::string bytes = U32(static_cast<std::uint32_t>(records.size()));
     for (const Record& r : records) {
       unsigned char raw[memreport::kRecordBytes];
       memreport::EncodeRecord(r, raw);
       bytes.append(reinterpret_cast<const char*>(raw), sizeof raw);
     }
-    WriteBytes(m_name + ".memT" + std::to_string(file), bytes);
+    return bytes;
   }
-  void WritePhases(const std::map<std::uint32_t, std::string>& phases, bool terminate = true) {
+  static std::string Phases(const std::map<std::uint32_t, std::string>& phases, bool terminate = true) {
     std::string bytes = U32(static_cast<std::uint32_t>(phases.size()));
     for (const auto& p : phases)
       bytes += U32(p.first) + p.second + std::string(memreport::kPhasePathBytes - p.second.size(), terminate ? '\0' : 'x');
-    WriteBytes(m_name + ".phaseStack", bytes);
+    return bytes;
   }
   // The next record, numbered in transaction order.
   Record Op(std::uint32_t op, std::uint64_t address, std::uint64_t size, std::uint32_t thread, std::uint32_t phase,
@@ -76,9 +76,9 @@ class MemReport : public ::testing::Test {
 // a third after a gap that must not be read.
 void MemReport::WriteKnownRun() {
   using namespace memreport;
-  WritePhases({{0, "ROOT"}, {1, "ROOT->solve"}, {2, "ROOT->solve->assemble"}});
-  WriteRecords(0, {Op(kMalloc, 0x1000, 100, 0, 1), Op(kNew, 0x2000, 50, 1, 2), Op(kCalloc, 0x3000, 30, 0, 2)});
-  WriteRecords(1, {
+  Write(".phaseStack", Phases({{0, "ROOT"}, {1, "ROOT->solve"}, {2, "ROOT->solve->assemble"}}));
+  Write(".memT0", Records({Op(kMalloc, 0x1000, 100, 0, 1), Op(kNew, 0x2000, 50, 1, 2), Op(kCalloc, 0x3000, 30, 0, 2)}));
+  Write(".memT1", Records({
       Release(kFree, 0x1000),                    // 80 live
       Op(kRealloc, 0x4000, 200, 1, 1, 0x2000),   // moves 50 -> 200: 230 live
       Release(kDelete, 0x9999, 1),               // never allocated
@@ -89,8 +89,8 @@ void MemReport::WriteKnownRun() {
       Op(kRealloc, 0, 0, 2, 0, 0x5000),          // realloc to size 0 frees
       Op(kRealloc, 0, 99, 0, 2, 0x3000),         // a failed realloc keeps the block
       Op(kMalloc, 0x6000, 5, 0, 2),
-      Release(kFree, 0x6000, 0x7777)});          // a stale phase no one knows
-  WriteBytes(m_name + ".memT3", "garbage");
+      Release(kFree, 0x6000, 0x7777)}));         // a stale phase no one knows
+  Write(".memT3", "garbage");
 }
 
 TEST_F(MemReport, AKnownRunAsTextAsJsonWithTopAndAsSvg) {
@@ -127,7 +127,7 @@ TEST_F(MemReport, AKnownRunAsTextAsJsonWithTopAndAsSvg) {
 }
 
 TEST_F(MemReport, MissingPhaseFileWarnsAndNumbersThePhases) {
-  WriteRecords(0, {Op(memreport::kMalloc, 0x10, 8, 3, 7)});
+  Write(".memT0", Records({Op(memreport::kMalloc, 0x10, 8, 3, 7)}));
   zmx_test::ChildResult result = Tool({});
   ASSERT_TRUE(zmx_test::ExitedCleanly(result));
   EXPECT_EQ(result.err, "zmx_memreport: warning: no phase file " + m_name + ".phaseStack: phases are shown by number\n");
@@ -136,39 +136,33 @@ TEST_F(MemReport, MissingPhaseFileWarnsAndNumbersThePhases) {
 }
 
 TEST_F(MemReport, MalformedInputIsRefusedWithStatus2) {
+  const std::string one = Records({Op(memreport::kMalloc, 0x10, 8, 0, 0)}), root = Phases({{0, "ROOT"}});
   struct Case {
-    const char* what;
-    std::function<void(MemReport&)> write;
+    std::map<std::string, std::string> files;  // suffix -> bytes
     std::vector<std::string> args;
     std::string err;  // expected within stderr; "@" stands for the output name
   };
-  auto one = [](MemReport& t) { return std::vector<Record>{t.Op(memreport::kMalloc, 0x10, 8, 0, 0)}; };
-  auto root = [](MemReport& t) { t.WritePhases({{0, "ROOT"}}); };
-  const std::vector<Case> cases = {
-      {"no files", [](MemReport&) {}, {}, "error: no record files: @.memT0 does not exist\n"},
-      {"truncated count", [](MemReport& t) { WriteBytes(t.m_name + ".memT0", "ab"); }, {},
-       "error: @.memT0: truncated: 2 bytes, no count\n"},
-      {"count above the records", [&](MemReport& t) { t.WriteRecords(0, one(t), 1); }, {},
+  const Case cases[] = {
+      {{}, {}, "error: no record files: @.memT0 does not exist\n"},
+      {{{".memT0", "ab"}}, {}, "error: @.memT0: truncated: 2 bytes, no count\n"},
+      {{{".memT0", U32(2) + one.substr(4)}}, {},
        "error: @.memT0: count says 2 records but the file holds 40 bytes after it (40 per entry)\n"},
-      {"partial record", [&](MemReport& t) { WriteBytes(t.m_name + ".memT0", U32(1) + std::string(39, '\0')); }, {},
-       "count says 1 records but the file holds 39 bytes"},
-      {"unknown operation", [&](MemReport& t) { root(t); t.WriteRecords(0, {t.Op(9, 0x10, 8, 0, 0)}); }, {},
+      {{{".memT0", U32(1) + std::string(39, '\0')}}, {}, "count says 1 records but the file holds 39 bytes"},
+      {{{".phaseStack", root}, {".memT0", Records({Op(9, 0x10, 8, 0, 0)})}}, {},
        "error: @.memT0: record 0: unknown operation code 9\n"},
-      {"unknown phase of an allocation",
-       [&](MemReport& t) { root(t); t.WriteRecords(0, {t.Release(memreport::kFree, 0x10), t.Op(2, 0x10, 8, 0, 4)}); },
-       {}, "error: @.memT0: record 1: phase id 4 of new is not in the phase file\n"},
-      {"phase file size", [&](MemReport& t) { t.WriteRecords(0, one(t)); WriteBytes(t.m_name + ".phaseStack", U32(1)); },
-       {}, "error: @.phaseStack: count says 1 phases but the file holds 0 bytes"},
-      {"phase path without NUL", [&](MemReport& t) { t.WriteRecords(0, one(t)); t.WritePhases({{0, "ROOT"}}, false); },
-       {}, "error: @.phaseStack: phase entry 0 has no terminating NUL\n"},
-      {"bad --top", [&](MemReport& t) { t.WriteRecords(0, one(t)); }, {"--top", "x"}, "--top needs a number"},
-      {"unknown option", [&](MemReport& t) { t.WriteRecords(0, one(t)); }, {"--csv"}, "unknown option --csv"},
+      {{{".phaseStack", root}, {".memT0", Records({Release(memreport::kFree, 0x10), Op(2, 0x10, 8, 0, 4)})}}, {},
+       "error: @.memT0: record 1: phase id 4 of new is not in the phase file\n"},
+      {{{".memT0", one}, {".phaseStack", U32(1)}}, {}, "error: @.phaseStack: count says 1 phases but the file holds 0 bytes"},
+      {{{".memT0", one}, {".phaseStack", Phases({{0, "ROOT"}}, false)}}, {},
+       "error: @.phaseStack: phase entry 0 has no terminating NUL\n"},
+      {{{".memT0", one}}, {"--top", "x"}, "--top needs a number"},
+      {{{".memT0", one}}, {"--csv"}, "unknown option --csv"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
+    SCOPED_TRACE(c.err);
     fs::remove_all(m_dir);
     fs::create_directories(m_dir);
-    c.write(*this);
+    for (const auto& file : c.files) Write(file.first, file.second);
     zmx_test::ChildResult result = Tool(c.args);
     std::string err = c.err;
     for (std::size_t at = err.find('@'); at != std::string::npos; at = err.find('@')) err.replace(at, 1, m_name);

@@ -150,15 +150,11 @@ TEST(TrackerRecords, AFullBatchIsWrittenAndFreeRecordsKeepTheirSlotsStalePhase) 
   ASSERT_EQ(v["start"], 0u);
   const std::vector<Record> first = dir.Records();
   ASSERT_EQ(first.size(), 131072u);
-  int wrong = 0;
-  for (std::uint32_t i = 0; i < first.size(); ++i) {
-    const Record& r = first[i];
-    const bool isMalloc = i % 2 == 0;
-    wrong += r.number != i || r.code != (isMalloc ? 0u : 1u) || r.thread != 0 ||
-             r.size != (isMalloc ? 1 + (i / 2) % 100 : kReleased) || r.phase != (isMalloc ? 1 : kStale) ||
-             r.address != first[i & ~1u].address || r.previous != 0;
-  }
-  EXPECT_EQ(wrong, 0);
+  std::vector<Want> pairs;  // each free names the address its malloc returned
+  for (std::uint32_t i = 0; i < first.size(); ++i)
+    pairs.push_back(i % 2 ? Want{1, first[i - 1].address, kReleased, 0, kStale}
+                          : Want{0, first[i].address, 1 + i / 2 % 100, 0, 1});
+  ExpectRecords(first, 0, pairs);
   const std::vector<Record> second = dir.Records("unknownMemTrack.memT1");
   ExpectRecords(second, 131072, {{0, v["a"], 5, 0, 0}, {0, v["b"], 6, 0, 0},
                                  {1, v["a"], kReleased, 0, 1},         // slot 2 last held a malloc in "bulk"
