@@ -3,7 +3,6 @@
 // stop/start, naming, limits, overflow. tests/tracker checks the files written.
 #include <pthread.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,11 +22,9 @@ void Up() { zmx_probe::BringUp(mem_initialize); }
 void* (*volatile g_new)(std::size_t) = &::operator new;
 void (*volatile g_delete)(void*) = &::operator delete;
 
-unsigned long long Address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
-
-void RunThread(void* (*body)(void*), void* argument) {
+void RunThread(void* (*body)(void*)) {
   pthread_t thread;
-  if (pthread_create(&thread, nullptr, body, argument) != 0) std::abort();
+  if (pthread_create(&thread, nullptr, body, nullptr) != 0) std::abort();
   pthread_join(thread, nullptr);
 }
 
@@ -61,13 +58,12 @@ void Records() {
   Tracker::ExitPhase(0);  // without an enter: reported once
   Tracker::ExitPhase(0);
   Tracker::EnterPhase("solve", 0);
-  RunThread(Worker, nullptr);
+  RunThread(Worker);
   mem_Free(r);
   Tracker::PrintTransaction("mark");
   MEM_TRACKER_SHUTDOWN();
   mem_Free(mem_Malloc(1));  // after shut-down: not recorded
-  std::printf("p=%llu q=%llu r=%llu c=%llu w=%llu active=%d\n", Address(p), Address(q), Address(r), Address(c),
-              Address(g_workerBlock), Tracker::IsTrackingActive() ? 1 : 0);
+  std::printf("p=%p q=%p r=%p c=%p w=%p active=%d\n", p, q, r, c, g_workerBlock, Tracker::IsTrackingActive() ? 1 : 0);
 }
 
 // 65536 malloc/free pairs fill the first batch exactly; four more records follow.
@@ -82,7 +78,7 @@ void Batches() {
   mem_Free(a);
   mem_Free(b);
   Tracker::Shutdown();
-  std::printf("a=%llu b=%llu\n", Address(a), Address(b));
+  std::printf("a=%p b=%p\n", a, b);
 }
 
 // Transactions 0..10: malloc new realloc calloc release acquire free delete malloc free free.
@@ -120,7 +116,7 @@ void Untracked() {
   mem_Free(e);
   mem_Free(g);
   Tracker::Shutdown();
-  std::printf("a=%llu f=%llu g=%llu\n", Address(a), Address(f), Address(g));
+  std::printf("a=%p f=%p g=%p\n", a, f, g);
 }
 
 // A name of the length given as argument.
@@ -157,7 +153,7 @@ void Limits() {
   for (int i = 0; i < 1030; ++i) Tracker::ExitPhase(0);
   Tracker::EnterPhase("y", 1);  // back at ROOT
   Tracker::ExitPhase(0);
-  for (int i = 0; i < 70; ++i) RunThread(OneTransaction, nullptr);
+  for (int i = 0; i < 70; ++i) RunThread(OneTransaction);
   Tracker::Shutdown();
 }
 

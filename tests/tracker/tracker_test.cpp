@@ -72,14 +72,14 @@ std::vector<Record> OutputDir::Records(const std::string& name) const {
   return records;
 }
 
-// "name=value ..." from a probe's output.
+// "name=value ..." from a probe's output (addresses printed as %p).
 std::map<std::string, std::uint64_t> Values(const std::string& out) {
   std::map<std::string, std::uint64_t> values;
   std::istringstream in(out);
   std::string word;
   while (in >> word) {
     const std::size_t eq = word.find('=');
-    if (eq != std::string::npos) values[word.substr(0, eq)] = std::stoull(word.substr(eq + 1));
+    if (eq != std::string::npos) values[word.substr(0, eq)] = std::stoull(word.substr(eq + 1), nullptr, 0);
   }
   return values;
 }
