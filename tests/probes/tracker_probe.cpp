@@ -100,14 +100,14 @@ void DebugTransactions() {
 void Untracked() {
   Up();
   void* a = mem_Malloc(10);
-  void* g = mem_Malloc(16);
+  void* const g0 = mem_Malloc(16);
   Tracker::StopTracking();
   void* b = mem_Malloc(20);
   void* c = g_new(30);
   mem_Free(a);  // acquired before the stop: recorded
   void* d = mem_Realloc(b, 5000);
   void* e = mem_Malloc(5);
-  g = mem_Realloc(g, 6000);  // a tracked block moved while stopped: neither recorded nor filtered
+  void* g = mem_Realloc(g0, 6000);  // a tracked block moved while stopped: neither recorded nor filtered
   Tracker::StartTracking();
   mem_Free(d);
   g_delete(c);
@@ -116,7 +116,7 @@ void Untracked() {
   mem_Free(e);
   mem_Free(g);
   Tracker::Shutdown();
-  std::printf("a=%p f=%p g=%p\n", a, f, g);
+  std::printf("a=%p f=%p g0=%p g=%p\n", a, f, g0, g);
 }
 
 // A name of the length given as argument.
