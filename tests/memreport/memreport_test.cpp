@@ -6,11 +6,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <unistd.h>
@@ -35,26 +35,24 @@ class MemReport : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(m_dir); }
 
-  static void WriteBytes(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
+  // Writes the output name + suffix (".memT0", ".phaseStack").
+  void Write(const std::string& suffix, const std::string& bytes) { std::ofstream(m_name + suffix) << bytes; }
   static std::string U32(std::uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
-  void WriteRecords(int file, const std::vector<Record>& records, int countDelta = 0) {
-    std::string bytes = U32(static_cast<std::uint32_t>(records.size() + countDelta));
+  static std::string Records(const std::vector<Record>& records) {
+    std::string bytes = U32(static_cast<std::uint32_t>(records.size()));
     for (const Record& r : records) {
       unsigned char raw[memreport::kRecordBytes];
       memreport::EncodeRecord(r, raw);
       bytes.append(reinterpret_cast<const char*>(raw), sizeof raw);
     }
-    WriteBytes(m_name + ".memT" + std::to_string(file), bytes);
+    return bytes;
   }
-  void WritePhases(const std::map<std::uint32_t, std::string>& phases, bool terminate = true) {
+  static std::string Phases(const std::map<std::uint32_t, std::string>& phases, bool terminate = true) {
     std::string bytes = U32(static_cast<std::uint32_t>(phases.size()));
-    for (const auto& p : phases) {
-      std::string field = p.second + std::string(memreport::kPhasePathBytes - p.second.size(), terminate ? '\0' : 'x');
-      bytes += U32(p.first) + field;
-    }
-    WriteBytes(m_name + ".phaseStack", bytes);
+    for (const auto& p : phases)
+      bytes += U32(p.first) + p.second +
+               std::string(memreport::kPhasePathBytes - p.second.size(), terminate ? '\0' : 'x');
+    return bytes;
   }
   // The next record, numbered in transaction order.
   Record Op(std::uint32_t op, std::uint64_t address, std::uint64_t size, std::uint32_t thread, std::uint32_t phase,
@@ -79,10 +77,9 @@ class MemReport : public ::testing::Test {
 // a third after a gap that must not be read.
 void MemReport::WriteKnownRun() {
   using namespace memreport;
-  WritePhases({{0, "ROOT"}, {1, "ROOT->solve"}, {2, "ROOT->solve->assemble"}});
-  std::vector<Record> first = {Op(kMalloc, 0x1000, 100, 0, 1), Op(kNew, 0x2000, 50, 1, 2),
-                               Op(kCalloc, 0x3000, 30, 0, 2)};
-  std::vector<Record> second = {
+  Write(".phaseStack", Phases({{0, "ROOT"}, {1, "ROOT->solve"}, {2, "ROOT->solve->assemble"}}));
+  Write(".memT0", Records({Op(kMalloc, 0x1000, 100, 0, 1), Op(kNew, 0x2000, 50, 1, 2), Op(kCalloc, 0x3000, 30, 0, 2)}));
+  Write(".memT1", Records({
       Release(kFree, 0x1000),                    // 80 live
       Op(kRealloc, 0x4000, 200, 1, 1, 0x2000),   // moves 50 -> 200: 230 live
       Release(kDelete, 0x9999, 1),               // never allocated
@@ -93,13 +90,11 @@ void MemReport::WriteKnownRun() {
       Op(kRealloc, 0, 0, 2, 0, 0x5000),          // realloc to size 0 frees
       Op(kRealloc, 0, 99, 0, 2, 0x3000),         // a failed realloc keeps the block
       Op(kMalloc, 0x6000, 5, 0, 2),
-      Release(kFree, 0x6000, 0x7777)};           // a stale phase no one knows
-  WriteRecords(0, first);
-  WriteRecords(1, second);
-  WriteBytes(m_name + ".memT3", "garbage");
+      Release(kFree, 0x6000, 0x7777)}));         // a stale phase no one knows
+  Write(".memT3", "garbage");
 }
 
-TEST_F(MemReport, TextReportOfAKnownRun) {
+TEST_F(MemReport, AKnownRunAsTextAsJsonWithTopAndAsSvg) {
   WriteKnownRun();
   zmx_test::ChildResult result = Tool({});
   ASSERT_TRUE(zmx_test::ExitedCleanly(result));
@@ -115,12 +110,8 @@ TEST_F(MemReport, TextReportOfAKnownRun) {
             "leaks by thread:\n  200 bytes in 1 blocks  thread 1\n  30 bytes in 1 blocks  thread 0\n"
             "allocations by phase:\n  300 bytes in 2 allocations  ROOT->solve\n"
             "  85 bytes in 3 allocations  ROOT->solve->assemble\n  10 bytes in 1 allocations  ROOT\n");
-}
-
-TEST_F(MemReport, JsonTopAndSvgCarryTheSameRun) {
-  WriteKnownRun();
-  std::string svgPath = (m_dir / "chart.svg").string();
-  zmx_test::ChildResult result = Tool({"--json", "--top", "1", "--svg", svgPath});
+  const std::string svgPath = (m_dir / "chart.svg").string();
+  result = Tool({"--json", "--top", "1", "--svg", svgPath});
   ASSERT_TRUE(zmx_test::ExitedCleanly(result));
   for (const char* field :
        {"\"record_files\": 2", "\"transactions\": 14", "\"realloc\": 3", "\"bytes_allocated\": 395",
@@ -130,55 +121,50 @@ TEST_F(MemReport, JsonTopAndSvgCarryTheSameRun) {
     EXPECT_NE(result.out.find(field), std::string::npos) << field << "\n" << result.out;
   EXPECT_EQ(result.out.find("assemble"), std::string::npos) << "--top 1 keeps one row per table";
   std::ifstream in(svgPath);
-  std::string svg((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string svg((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   EXPECT_EQ(svg.rfind("<svg ", 0), 0u);
-  EXPECT_NE(svg.find(">ROOT-&gt;solve-&gt;assemble</text>"), std::string::npos) << "phase change marked";
-  EXPECT_NE(svg.find("peak 240 at 9"), std::string::npos);
+  for (const char* part : {">ROOT-&gt;solve-&gt;assemble</text>", "peak 240 at 9"})  // phase change, peak marked
+    EXPECT_NE(svg.find(part), std::string::npos) << part;
 }
 
 TEST_F(MemReport, MissingPhaseFileWarnsAndNumbersThePhases) {
-  WriteRecords(0, {Op(memreport::kMalloc, 0x10, 8, 3, 7)});
+  Write(".memT0", Records({Op(memreport::kMalloc, 0x10, 8, 3, 7)}));
   zmx_test::ChildResult result = Tool({});
   ASSERT_TRUE(zmx_test::ExitedCleanly(result));
   EXPECT_EQ(result.err, "zmx_memreport: warning: no phase file " + m_name + ".phaseStack: phases are shown by number\n");
-  EXPECT_NE(result.out.find("8 bytes in 1 blocks  phase#7\n"), std::string::npos) << result.out;
-  EXPECT_NE(result.out.find("8 bytes in 1 blocks  thread 3\n"), std::string::npos) << result.out;
+  for (const char* row : {"8 bytes in 1 blocks  phase#7\n", "8 bytes in 1 blocks  thread 3\n"})
+    EXPECT_NE(result.out.find(row), std::string::npos) << result.out;
 }
 
 TEST_F(MemReport, MalformedInputIsRefusedWithStatus2) {
+  const std::string one = Records({Op(memreport::kMalloc, 0x10, 8, 0, 0)}), root = Phases({{0, "ROOT"}});
   struct Case {
-    const char* what;
-    std::function<void(MemReport&)> write;
+    std::map<std::string, std::string> files;  // suffix -> bytes
     std::vector<std::string> args;
     std::string err;  // expected within stderr; "@" stands for the output name
   };
-  auto one = [](MemReport& t) { return std::vector<Record>{t.Op(memreport::kMalloc, 0x10, 8, 0, 0)}; };
-  auto root = [](MemReport& t) { t.WritePhases({{0, "ROOT"}}); };
-  const std::vector<Case> cases = {
-      {"no files", [](MemReport&) {}, {}, "error: no record files: @.memT0 does not exist\n"},
-      {"truncated count", [](MemReport& t) { WriteBytes(t.m_name + ".memT0", "ab"); }, {},
-       "error: @.memT0: truncated: 2 bytes, no count\n"},
-      {"count above the records", [&](MemReport& t) { t.WriteRecords(0, one(t), 1); }, {},
+  const Case cases[] = {
+      {{}, {}, "error: no record files: @.memT0 does not exist\n"},
+      {{{".memT0", "ab"}}, {}, "error: @.memT0: truncated: 2 bytes, no count\n"},
+      {{{".memT0", U32(2) + one.substr(4)}}, {},
        "error: @.memT0: count says 2 records but the file holds 40 bytes after it (40 per entry)\n"},
-      {"partial record", [&](MemReport& t) { WriteBytes(t.m_name + ".memT0", U32(1) + std::string(39, '\0')); }, {},
-       "count says 1 records but the file holds 39 bytes"},
-      {"unknown operation", [&](MemReport& t) { root(t); t.WriteRecords(0, {t.Op(9, 0x10, 8, 0, 0)}); }, {},
+      {{{".memT0", U32(1) + std::string(39, '\0')}}, {}, "count says 1 records but the file holds 39 bytes"},
+      {{{".phaseStack", root}, {".memT0", Records({Op(9, 0x10, 8, 0, 0)})}}, {},
        "error: @.memT0: record 0: unknown operation code 9\n"},
-      {"unknown phase of an allocation",
-       [&](MemReport& t) { root(t); t.WriteRecords(0, {t.Release(memreport::kFree, 0x10), t.Op(2, 0x10, 8, 0, 4)}); },
-       {}, "error: @.memT0: record 1: phase id 4 of new is not in the phase file\n"},
-      {"phase file size", [&](MemReport& t) { t.WriteRecords(0, one(t)); WriteBytes(t.m_name + ".phaseStack", U32(1)); },
-       {}, "error: @.phaseStack: count says 1 phases but the file holds 0 bytes"},
-      {"phase path without NUL", [&](MemReport& t) { t.WriteRecords(0, one(t)); t.WritePhases({{0, "ROOT"}}, false); },
-       {}, "error: @.phaseStack: phase entry 0 has no terminating NUL\n"},
-      {"bad --top", [&](MemReport& t) { t.WriteRecords(0, one(t)); }, {"--top", "x"}, "--top needs a number"},
-      {"unknown option", [&](MemReport& t) { t.WriteRecords(0, one(t)); }, {"--csv"}, "unknown option --csv"},
+      {{{".phaseStack", root}, {".memT0", Records({Release(memreport::kFree, 0x10), Op(2, 0x10, 8, 0, 4)})}}, {},
+       "error: @.memT0: record 1: phase id 4 of new is not in the phase file\n"},
+      {{{".memT0", one}, {".phaseStack", U32(1)}}, {},
+       "error: @.phaseStack: count says 1 phases but the file holds 0 bytes"},
+      {{{".memT0", one}, {".phaseStack", Phases({{0, "ROOT"}}, false)}}, {},
+       "error: @.phaseStack: phase entry 0 has no terminating NUL\n"},
+      {{{".memT0", one}}, {"--top", "x"}, "--top needs a number"},
+      {{{".memT0", one}}, {"--csv"}, "unknown option --csv"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
+    SCOPED_TRACE(c.err);
     fs::remove_all(m_dir);
     fs::create_directories(m_dir);
-    c.write(*this);
+    for (const auto& file : c.files) Write(file.first, file.second);
     zmx_test::ChildResult result = Tool(c.args);
     std::string err = c.err;
     for (std::size_t at = err.find('@'); at != std::string::npos; at = err.find('@')) err.replace(at, 1, m_name);
@@ -188,8 +174,8 @@ TEST_F(MemReport, MalformedInputIsRefusedWithStatus2) {
   }
 }
 
-// Random runs against a plain map of live blocks: live bytes, peak, leaks by
-// thread, and a chart that stays within its point budget and ends at the peak.
+// Random runs against a map of live blocks: live bytes, peak, leaks by thread, and
+// a chart within its point budget that reaches the peak and ends at the live bytes.
 TEST(MemReportAnalyzer, MatchesALiveSetModel) {
   std::mt19937 rng(7);
   memreport::PhaseTable phases;  // absent: every phase id is accepted
@@ -217,17 +203,15 @@ TEST(MemReportAnalyzer, MatchesALiveSetModel) {
     }
     memreport::Report report;
     analyzer.Finish(report);
-    EXPECT_EQ(report.liveBytes, bytes);
-    EXPECT_EQ(report.liveBlocks, live.size());
-    EXPECT_EQ(report.peakLive, peak);
-    EXPECT_EQ(report.peakTransaction, peakAt);
+    EXPECT_EQ(std::make_tuple(report.liveBytes, report.liveBlocks, report.peakLive, report.peakTransaction),
+              std::make_tuple(bytes, live.size(), peak, peakAt));  // live bytes, blocks, peak and where
     std::map<std::uint32_t, std::uint64_t> byThread;
     for (const auto& block : live) byThread[block.second.second] += block.second.first;
     for (const memreport::Group& g : report.leaksByThread) EXPECT_EQ(g.bytes, byThread[g.key]);
     EXPECT_EQ(report.leaksByThread.size(), byThread.size());
     ASSERT_LE(report.chart.size(), memreport::kChartPoints);
-    EXPECT_EQ(report.chart.back().endLive, bytes);
-    EXPECT_EQ(report.chart.back().lastTransaction, n - 1);
+    EXPECT_EQ(std::make_pair(report.chart.back().endLive, report.chart.back().lastTransaction),
+              std::make_pair(bytes, n - 1));
     std::uint64_t chartPeak = 0;
     for (const auto& p : report.chart) chartPeak = std::max(chartPeak, p.maxLive);
     EXPECT_EQ(chartPeak, peak);

@@ -17,10 +17,7 @@ constexpr std::size_t kBig = std::size_t(1) << 20;  // served by a direct mappin
 
 void Show(const char* what, long long value) { std::printf("%s %lld\n", what, value); }
 
-void Up() {
-  int depth = 0;
-  UTI_CoreUtils_initialize(depth);
-}
+void Up() { zmx_probe::BringUp(UTI_CoreUtils_initialize); }
 
 // Makes the stored limit the one in force: the second dlmallopt call copies it.
 void SetLimitInForce(std::size_t limit) {

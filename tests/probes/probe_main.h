@@ -27,6 +27,12 @@ inline Arguments& CommandLine() {
 inline int ArgCount() { return CommandLine().count; }
 inline const char* Arg(int i) { return i < CommandLine().count ? CommandLine().values[i] : ""; }
 
+// Brings the library (or one part of it) up from the outermost depth.
+inline void BringUp(void (*initialize)(int& depth)) {
+  int depth = 0;
+  initialize(depth);
+}
+
 template <int N>
 int Dispatch(int argc, char** argv, const Scenario (&scenarios)[N]) {
   CommandLine() = Arguments{argc, argv};

@@ -1,11 +1,8 @@
-// Fresh-process scenarios for the memory tracker (ZEM_MEM_TRACK and its
-// companions are read once): known transactions in known phases and threads,
-// batches, announced transactions, stop/start, naming, limits and the
-// phase-table overflow. Scenarios print the addresses they used; the files are
-// checked by tests/tracker.
+// Fresh-process scenarios for the memory tracker (its environment is read once):
+// known transactions in phases and threads, batches, announced transactions,
+// stop/start, naming, limits, overflow. tests/tracker checks the files written.
 #include <pthread.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,20 +16,15 @@ namespace {
 using Tracker = mem_Tracker_Interface;
 
 // Memory only: no other component allocates behind the scenario's back.
-void Up() {
-  int depth = 0;
-  mem_initialize(depth);
-}
+void Up() { zmx_probe::BringUp(mem_initialize); }
 
 // Calls through volatile pointers so that no allocation is elided.
 void* (*volatile g_new)(std::size_t) = &::operator new;
 void (*volatile g_delete)(void*) = &::operator delete;
 
-unsigned long long Address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
-
-void RunThread(void* (*body)(void*), void* argument) {
+void RunThread(void* (*body)(void*)) {
   pthread_t thread;
-  if (pthread_create(&thread, nullptr, body, argument) != 0) std::abort();
+  if (pthread_create(&thread, nullptr, body, nullptr) != 0) std::abort();
   pthread_join(thread, nullptr);
 }
 
@@ -50,7 +42,6 @@ void* Worker(void*) {
 // Every operation code but valloc, on two threads, in phases.
 void Records() {
   Up();
-  std::printf("start=%d\n", Tracker::CurrTransactionId());
   Tracker::SetOutputName("/job");
   void* p = mem_Malloc(24);
   Tracker::EnterPhase("load", 1);
@@ -67,13 +58,12 @@ void Records() {
   Tracker::ExitPhase(0);  // without an enter: reported once
   Tracker::ExitPhase(0);
   Tracker::EnterPhase("solve", 0);
-  RunThread(Worker, nullptr);
+  RunThread(Worker);
   mem_Free(r);
   Tracker::PrintTransaction("mark");
   MEM_TRACKER_SHUTDOWN();
   mem_Free(mem_Malloc(1));  // after shut-down: not recorded
-  std::printf("p=%llu q=%llu r=%llu c=%llu w=%llu active=%d\n", Address(p), Address(q), Address(r), Address(c),
-              Address(g_workerBlock), Tracker::IsTrackingActive() ? 1 : 0);
+  std::printf("p=%p q=%p r=%p c=%p w=%p active=%d\n", p, q, r, c, g_workerBlock, Tracker::IsTrackingActive() ? 1 : 0);
 }
 
 // 65536 malloc/free pairs fill the first batch exactly; four more records follow.
@@ -88,7 +78,7 @@ void Batches() {
   mem_Free(a);
   mem_Free(b);
   Tracker::Shutdown();
-  std::printf("a=%llu b=%llu\n", Address(a), Address(b));
+  std::printf("a=%p b=%p\n", a, b);
 }
 
 // Transactions 0..10: malloc new realloc calloc release acquire free delete malloc free free.
@@ -110,14 +100,14 @@ void DebugTransactions() {
 void Untracked() {
   Up();
   void* a = mem_Malloc(10);
-  void* g = mem_Malloc(16);
+  void* const g0 = mem_Malloc(16);
   Tracker::StopTracking();
   void* b = mem_Malloc(20);
   void* c = g_new(30);
   mem_Free(a);  // acquired before the stop: recorded
   void* d = mem_Realloc(b, 5000);
   void* e = mem_Malloc(5);
-  g = mem_Realloc(g, 6000);  // a tracked block moved while stopped: neither recorded nor filtered
+  void* g = mem_Realloc(g0, 6000);  // a tracked block moved while stopped: neither recorded nor filtered
   Tracker::StartTracking();
   mem_Free(d);
   g_delete(c);
@@ -126,7 +116,7 @@ void Untracked() {
   mem_Free(e);
   mem_Free(g);
   Tracker::Shutdown();
-  std::printf("a=%llu f=%llu g=%llu\n", Address(a), Address(f), Address(g));
+  std::printf("a=%p f=%p g0=%p g=%p\n", a, f, g0, g);
 }
 
 // A name of the length given as argument.
@@ -137,14 +127,8 @@ void SetName() {
   std::printf("active=%d\n", Tracker::IsTrackingActive() ? 1 : 0);
 }
 
-void OneRecordAndShutdown() {
-  Up();
-  mem_Free(mem_Malloc(8));
-  std::printf("active=%d\n", Tracker::IsTrackingActive() ? 1 : 0);
-  MEM_TRACKER_SHUTDOWN();
-}
-
-void Off() {
+// One malloc/free pair and one announced phase (run with tracking on and off).
+void OneRecord() {
   Up();
   mem_Free(mem_Malloc(8));
   int one = 1;
@@ -158,13 +142,6 @@ void* OneTransaction(void*) {
   return nullptr;
 }
 
-void EnterMany(int count, const char* name) {
-  for (int i = 0; i < count; ++i) Tracker::EnterPhase(name, 0);
-}
-void ExitMany(int count) {
-  for (int i = 0; i < count; ++i) Tracker::ExitPhase(0);
-}
-
 void Limits() {
   Up();
   int one = 1;
@@ -172,11 +149,11 @@ void Limits() {
   std::memset(longName, 'n', 200);
   MEM_TRACKER_ENTERPHASE(&one, longName, 200);
   MEM_TRACKER_EXITPHASE(&one);
-  EnterMany(1030, "d");
-  ExitMany(1030);
+  for (int i = 0; i < 1030; ++i) Tracker::EnterPhase("d", 0);
+  for (int i = 0; i < 1030; ++i) Tracker::ExitPhase(0);
   Tracker::EnterPhase("y", 1);  // back at ROOT
   Tracker::ExitPhase(0);
-  for (int i = 0; i < 70; ++i) RunThread(OneTransaction, nullptr);
+  for (int i = 0; i < 70; ++i) RunThread(OneTransaction);
   Tracker::Shutdown();
 }
 
@@ -197,15 +174,9 @@ void Overflow() {
 }
 
 const zmx_probe::Scenario kScenarios[] = {
-    {"records", Records},
-    {"batches", Batches},
-    {"debug_transactions", DebugTransactions},
-    {"untracked", Untracked},
-    {"set_name", SetName},
-    {"one_record", OneRecordAndShutdown},
-    {"off", Off},
-    {"limits", Limits},
-    {"overflow", Overflow},
+    {"records", Records}, {"batches", Batches}, {"debug_transactions", DebugTransactions},
+    {"untracked", Untracked}, {"set_name", SetName}, {"one_record", OneRecord},
+    {"limits", Limits}, {"overflow", Overflow},
 };
 
 }  // namespace

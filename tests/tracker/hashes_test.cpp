@@ -1,7 +1,6 @@
-// The pointer and stack hashes: a randomized run of the pointer hash against a
-// std::unordered_map (values, live count with its overwrite quirk, rebuilds and
-// capacities), its sizing and rebuild points and statistics print, and the stack
-// hash's collisions, string-pool growth, overfill exit and slot walk.
+// The pointer hash against a std::unordered_map (live count with its overwrite quirk,
+// rebuilds, capacities), its sizing and statistics; the stack hash's collisions, pool
+// growth, overfill exit and slot walk.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -21,9 +21,8 @@ namespace {
 
 // The first capacity not smaller than `wanted`, as the table sizes itself.
 unsigned int ExpectedCapacity(std::int64_t wanted) {
-  for (unsigned int c : {15683u, 19609u, 31397u, 65521u, 262139u, 524287u, 1048573u}) {
+  for (unsigned int c : {15683u, 19609u, 31397u, 65521u, 262139u, 524287u, 1048573u})
     if (c >= wanted) return c;
-  }
   return 0;
 }
 
@@ -60,12 +59,9 @@ TEST(PtrHash, RandomAddsDeletesAndLookupsAgreeWithAMapIncludingTheLiveCountOfOve
   auto any = [&rng](const std::vector<std::int64_t>& from, std::int64_t otherwise) {
     return from.empty() ? otherwise : from[rng() % from.size()];
   };
-  int live = 0;
-  int rebuilds = 0;
-  int shrinks = 0;
+  int live = 0, rebuilds = 0, shrinks = 0;
   for (int op = 0; op < 200000; ++op) {
-    // Filling and draining phases alternate: used slots keep growing while the
-    // entries rise and fall, so rebuilds both grow and shrink the table.
+    // Filling and draining phases alternate, so rebuilds both grow and shrink the table.
     const int roll = static_cast<int>(rng() % 100);
     const bool add = roll < ((op / 20000) % 2 == 0 ? 70 : 15);
     const bool lookUp = roll >= 90;
@@ -85,11 +81,9 @@ TEST(PtrHash, RandomAddsDeletesAndLookupsAgreeWithAMapIncludingTheLiveCountOfOve
       ++live;
       ASSERT_EQ(map.Capacity(), rebuild ? ExpectedCapacity(2 * std::int64_t{liveBefore}) : capacityBefore)
           << "op " << op;
-      if (rebuild) {
-        ++rebuilds;
-        shrinks += map.Capacity() < capacityBefore ? 1 : 0;
-        ASSERT_EQ(map.Used(), static_cast<int>(model.size())) << "a rebuilt table holds no deleted slots";
-      }
+      rebuilds += rebuild;
+      shrinks += map.Capacity() < capacityBefore;
+      if (rebuild) { ASSERT_EQ(map.Used(), static_cast<int>(model.size())) << "rebuilt, no deleted slots"; }
     } else if (!lookUp) {
       if (!present.empty()) {
         const std::size_t at = rng() % present.size();
@@ -109,9 +103,7 @@ TEST(PtrHash, RandomAddsDeletesAndLookupsAgreeWithAMapIncludingTheLiveCountOfOve
     ASSERT_GE(map.Used(), static_cast<int>(model.size()));
     ASSERT_LT(static_cast<unsigned int>(map.Used()), map.Capacity());
   }
-  EXPECT_GE(rebuilds, 5);
-  EXPECT_GE(shrinks, 1);
-  EXPECT_TRUE(map.Resized());
+  EXPECT_TRUE(rebuilds >= 5 && shrinks >= 1 && map.Resized()) << rebuilds << " rebuilds, " << shrinks << " shrinks";
   std::vector<int> expected;
   for (const auto& entry : model) expected.push_back(entry.second);
   std::sort(expected.begin(), expected.end());
@@ -131,25 +123,20 @@ TEST(PtrHash, SizesRebuildPointsSlotReuseAndSentinelKeys) {
   }
 
   mem_PtrHash lazy(0);
-  EXPECT_EQ(lazy.Capacity(), 0u);
   EXPECT_EQ(lazy.LookUp(0x1000), mem_PtrHash::kNotFound);
   lazy.Delete(0x1000);
   lazy.Add(mem_PtrHash::kEmpty, 1);  // sentinels are ignored: not even the first build happens
   lazy.Add(mem_PtrHash::kDeleted, 1);
-  EXPECT_EQ(lazy.Capacity(), 0u);
-  EXPECT_EQ(lazy.HitRate(), 0.0f);
+  EXPECT_EQ(std::make_pair(lazy.Capacity(), lazy.HitRate()), std::make_pair(0u, 0.0f));
   lazy.Add(0x1000, 5);
   EXPECT_EQ(lazy.Capacity(), 15683u);
   lazy.Delete(0x1000);
-  EXPECT_EQ(lazy.LookUp(0x1000), mem_PtrHash::kNotFound);
-  EXPECT_EQ(lazy.LookUp(mem_PtrHash::kDeleted), mem_PtrHash::kNotFound);
-  EXPECT_EQ(lazy.LookUp(mem_PtrHash::kEmpty), mem_PtrHash::kNotFound);
+  for (std::int64_t key : {std::int64_t{0x1000}, mem_PtrHash::kDeleted, mem_PtrHash::kEmpty})
+    EXPECT_EQ(lazy.LookUp(key), mem_PtrHash::kNotFound) << key;
   lazy.Add(0x1000, 7);  // takes the deleted slot back
   EXPECT_EQ(lazy.Used(), 1);
-  lazy.Add(0x1000, 8);  // an overwrite still counts as a new live entry
-  EXPECT_EQ(lazy.LookUp(0x1000), 8);
-  EXPECT_EQ(lazy.Used(), 1);
-  EXPECT_EQ(lazy.Live(), 2);
+  lazy.Add(0x1000, 8);  // an overwrite still counts as a new live entry: used, live, value
+  EXPECT_EQ(std::make_tuple(lazy.Used(), lazy.Live(), lazy.LookUp(0x1000)), std::make_tuple(1, 2, 8));
   EXPECT_EQ(SortedValues(lazy), std::vector<int>{8});
 
   mem_PtrHash map(1);
@@ -157,28 +144,20 @@ TEST(PtrHash, SizesRebuildPointsSlotReuseAndSentinelKeys) {
   EXPECT_EQ(map.Capacity(), 15683u);
   EXPECT_NE(Statistics(map).find("   Hash Table was not Resized\n"), std::string::npos);
   map.Add(0x7, 7);  // 10456 * 3 >= 15683 * 2
-  EXPECT_EQ(map.Capacity(), 31397u);
-  EXPECT_EQ(map.Used(), 10457);
-  EXPECT_EQ(map.LookUp(16 * 5000), 5000);
+  EXPECT_EQ(std::make_tuple(map.Capacity(), map.Used(), map.LookUp(16 * 5000)), std::make_tuple(31397u, 10457, 5000));
   const std::string text = Statistics(map);
   EXPECT_EQ(text.rfind("\nHASHING INFORMATION\n   HASH TABLE WAS RESIZED\n   Hit Rate = ", 0), 0u) << text;
   EXPECT_NE(text.find("   Memory Used for Hash Table = 502352\n"), std::string::npos) << text;
   EXPECT_NE(text.find("\n   m_table  = 0x"), std::string::npos) << text;
 }
 
-// Distinct permutations of one string: one path hash, hence one home slot.
-std::vector<std::string> Permutations(std::string letters) {
-  std::vector<std::string> out;
-  std::sort(letters.begin(), letters.end());
-  do out.push_back("ROOT/" + letters);
-  while (std::next_permutation(letters.begin(), letters.end()));
-  return out;
-}
-
-TEST(StackHash, PermutedPathsShareAHomeSlotYetKeepTheirOwnValues) {
+TEST(StackHash, PermutedPathsShareAHomeSlotKeepTheirValuesAndAreWalkedOnceEach) {
   auto hash = std::make_unique<mem_StackHash>();
   EXPECT_EQ(hash->LookUp("ROOT"), mem_StackHash::kNotFound);
-  const std::vector<std::string> paths = Permutations("abcdef");
+  std::vector<std::string> paths;  // permutations of one string: one path hash, hence one home slot
+  std::string letters = "abcdef";
+  do paths.push_back("ROOT/" + letters);
+  while (std::next_permutation(letters.begin(), letters.end()));
   for (std::size_t i = 0; i < paths.size(); ++i) hash->Insert(paths[i].c_str(), static_cast<int>(i));
   hash->Insert("EMPTY", -1);  // the markers are told apart by address, not by text
   for (std::size_t i = 0; i < paths.size(); ++i) EXPECT_EQ(hash->LookUp(paths[i].c_str()), static_cast<int>(i));
@@ -186,6 +165,16 @@ TEST(StackHash, PermutedPathsShareAHomeSlotYetKeepTheirOwnValues) {
   EXPECT_EQ(hash->LookUp("DELETED"), mem_StackHash::kNotFound);
   EXPECT_EQ(hash->LookUp("ROOT/abcdeg"), mem_StackHash::kNotFound);
   EXPECT_GT(hash->HitRate(), 20.0f);  // 720 keys chained from one home slot
+  hash->Insert(paths[1].c_str(), 1000);  // overwrite: one slot, counted live twice
+  EXPECT_EQ(std::make_pair(hash->Live(), hash->Used()), std::make_pair(722, 721));
+  std::map<std::string, std::vector<int>> seen;
+  hash->ForEach([](const char* key, int value, void* context) {
+    (*static_cast<std::map<std::string, std::vector<int>>*>(context))[key].push_back(value);
+  }, &seen);
+  ASSERT_EQ(seen.size(), 721u);
+  EXPECT_EQ(seen["EMPTY"], std::vector<int>{-1});
+  for (std::size_t i = 0; i < paths.size(); ++i)
+    EXPECT_EQ(seen[paths[i]], std::vector<int>{i == 1 ? 1000 : static_cast<int>(i)}) << paths[i];
 }
 
 TEST(StackHash, PoolGrowthWarnsAndMovesEveryKey) {
@@ -198,15 +187,14 @@ TEST(StackHash, PoolGrowthWarnsAndMovesEveryKey) {
   testing::internal::CaptureStderr();
   for (int i = 0; i < 700; ++i) hash->Insert(paths[i].c_str(), i);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), warning + warning);  // at 32768 and 65536 bytes
-  EXPECT_EQ(hash->PoolCapacity(), 98304);
-  EXPECT_EQ(hash->PoolLength(), 700 * 96 + 10 * 1 + 90 * 2 + 600 * 3);
+  EXPECT_EQ(std::make_pair(hash->PoolCapacity(), hash->PoolLength()),
+            std::make_pair(98304, 700 * 96 + 10 * 1 + 90 * 2 + 600 * 3));
   // A key longer than one step grows the pool in one move, with one warning.
   const std::string longPath(70000, 'z');
   testing::internal::CaptureStderr();
   hash->Insert(longPath.c_str(), 9);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), warning);
-  EXPECT_GE(hash->PoolCapacity(), hash->PoolLength());
-  EXPECT_EQ(hash->PoolCapacity() % 32768, 0);
+  EXPECT_TRUE(hash->PoolCapacity() >= hash->PoolLength() && hash->PoolCapacity() % 32768 == 0) << hash->PoolCapacity();
   for (int i = 0; i < 700; ++i) EXPECT_EQ(hash->LookUp(paths[i].c_str()), i);
   EXPECT_EQ(hash->LookUp(longPath.c_str()), 9);
   // Every key moved with the pool: none still points into the object's inline pool.
@@ -222,26 +210,9 @@ TEST(StackHash, PoolGrowthWarnsAndMovesEveryKey) {
 TEST(StackHash, TheNextInsertPastTwoThirdsEndsTheProcessWithStatusZero) {
   auto hash = std::make_unique<mem_StackHash>();
   for (int i = 0; i < 3992; ++i) hash->Insert(("p" + std::to_string(i)).c_str(), i);
-  EXPECT_EQ(hash->Used(), 3992);
-  EXPECT_EQ(hash->LookUp("p3991"), 3991);
+  EXPECT_EQ(std::make_pair(hash->Used(), hash->LookUp("p3991")), std::make_pair(3992, 3991));
   EXPECT_EXIT(hash->Insert("p3992", 1), testing::ExitedWithCode(0),
               "^mem_PtrHash::Add  --  ERROR  --  Stack hash table has been overfilled\\.\n$");
-}
-
-TEST(StackHash, ForEachVisitsEveryStoredPathOnceWithItsLatestValue) {
-  auto hash = std::make_unique<mem_StackHash>();
-  for (int i = 0; i < 500; ++i) hash->Insert(("ROOT/" + std::to_string(i * 7)).c_str(), i);
-  hash->Insert("ROOT/7", 1000);  // overwrite: one slot, counted live twice
-  EXPECT_EQ(hash->Live(), 501);
-  EXPECT_EQ(hash->Used(), 500);
-  std::map<std::string, std::vector<int>> seen;
-  hash->ForEach([](const char* key, int value, void* context) {
-    (*static_cast<std::map<std::string, std::vector<int>>*>(context))[key].push_back(value);
-  }, &seen);
-  ASSERT_EQ(seen.size(), 500u);
-  for (int i = 0; i < 500; ++i) {
-    EXPECT_EQ(seen["ROOT/" + std::to_string(i * 7)], std::vector<int>{i == 1 ? 1000 : i}) << i;
-  }
 }
 
 }  // namespace

@@ -3,8 +3,9 @@
 // naming, the limits the library adds and the phase-table overflow.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/child_process.h"
@@ -21,7 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using zmx_test::ChildResult;
-using zmx_test::Describe;
 using zmx_test::EnvVars;
 using zmx_test::ExitedCleanly;
 
@@ -36,53 +37,47 @@ struct Record {
 };
 static_assert(sizeof(Record) == 40, "file layout");
 
-// A fresh output directory, removed afterwards.
-class OutputDir {
- public:
-  OutputDir() {
-    char pattern[] = "/tmp/zmx_tracker_XXXXXX";
-    path_ = mkdtemp(pattern);
-  }
-  ~OutputDir() { fs::remove_all(path_); }
-  const std::string& path() const { return path_; }
-  std::set<std::string> Files() const {
-    std::set<std::string> names;
-    for (const auto& e : fs::directory_iterator(path_)) names.insert(e.path().filename().string());
-    return names;
-  }
-
- private:
-  std::string path_;
-};
-
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
-
 std::uint32_t U32(const std::string& bytes, std::size_t at) {
   std::uint32_t v = 0;
   std::memcpy(&v, bytes.data() + at, sizeof v);
   return v;
 }
 
-std::vector<Record> ReadRecords(const std::string& path) {
-  const std::string bytes = ReadFile(path);
-  if (bytes.size() < 4) return {};
-  std::vector<Record> records(U32(bytes, 0));
-  EXPECT_EQ(bytes.size(), 4 + 40 * records.size()) << path;
-  if (bytes.size() == 4 + 40 * records.size()) std::memcpy(records.data(), bytes.data() + 4, bytes.size() - 4);
-  return records;
-}
+// A fresh output directory, removed afterwards.
+struct OutputDir {
+  OutputDir() {
+    char pattern[] = "/tmp/zmx_tracker_XXXXXX";
+    path = mkdtemp(pattern);
+  }
+  ~OutputDir() { fs::remove_all(path); }
+  std::set<std::string> Files() const {
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(path)) names.insert(e.path().filename().string());
+    return names;
+  }
+  std::vector<Record> Records(const std::string& name = "unknownMemTrack.memT0") const {
+    const std::string bytes = ReadFile(path + "/" + name);
+    if (bytes.size() < 4) return {};
+    std::vector<Record> records(U32(bytes, 0));
+    EXPECT_EQ(bytes.size(), 4 + 40 * records.size()) << name;
+    if (bytes.size() == 4 + 40 * records.size()) std::memcpy(records.data(), bytes.data() + 4, bytes.size() - 4);
+    return records;
+  }
+  std::string path;
+};
 
-// "name=value ..." from a probe's output.
+// "name=value ..." from a probe's output (addresses printed as %p).
 std::map<std::string, std::uint64_t> Values(const std::string& out) {
   std::map<std::string, std::uint64_t> values;
   std::istringstream in(out);
   std::string word;
   while (in >> word) {
     const std::size_t eq = word.find('=');
-    if (eq != std::string::npos) values[word.substr(0, eq)] = std::stoull(word.substr(eq + 1));
+    if (eq != std::string::npos) values[word.substr(0, eq)] = std::stoull(word.substr(eq + 1), nullptr, 0);
   }
   return values;
 }
@@ -90,23 +85,23 @@ std::map<std::string, std::uint64_t> Values(const std::string& out) {
 ChildResult Probe(const std::string& scenario, const EnvVars& env, const std::vector<std::string>& args = {}) {
   return zmx_test::RunProbe("tracker_probe", scenario, env, args);
 }
+EnvVars Tracking(const OutputDir& dir) { return {{"ZEM_MEM_TRACK", "1"}, {"ZEM_MEM_OUTPUTDIR", dir.path}}; }
 
-EnvVars Tracking(const OutputDir& dir) { return {{"ZEM_MEM_TRACK", "1"}, {"ZEM_MEM_OUTPUTDIR", dir.path()}}; }
-
-std::size_t Count(const std::string& text, const std::string& part) {
-  std::size_t n = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
-void ExpectRecord(const Record& r, std::uint32_t code, std::uint64_t address, std::uint64_t size,
-                  std::uint32_t thread, std::uint32_t phase, std::uint64_t previous = 0) {
-  EXPECT_EQ(r.code, code) << "record " << r.number;
-  EXPECT_EQ(r.address, address) << "record " << r.number;
-  EXPECT_EQ(r.previous, previous) << "record " << r.number;
-  EXPECT_EQ(r.size, size) << "record " << r.number;
-  EXPECT_EQ(r.thread, thread) << "record " << r.number;
-  EXPECT_EQ(r.phase, phase) << "record " << r.number;
+// The records' fields row by row (previous is 0 where not given), numbered from `first` unless negative.
+struct Want {
+  std::uint32_t code;
+  std::uint64_t address, size;
+  std::uint32_t thread, phase;
+  std::uint64_t previous = 0;
+};
+void ExpectRecords(const std::vector<Record>& r, std::int64_t first, const std::vector<Want>& want) {
+  ASSERT_EQ(r.size(), want.size());
+  for (std::size_t i = 0; i < r.size(); ++i) {
+    const Want& w = want[i];
+    EXPECT_TRUE(first < 0 || r[i].number == first + std::int64_t(i)) << "record " << i << ": " << r[i].number;
+    EXPECT_EQ(std::make_tuple(r[i].code, r[i].address, r[i].previous, r[i].size, r[i].thread, r[i].phase),
+              std::make_tuple(w.code, w.address, w.previous, w.size, w.thread, w.phase)) << "record " << i;
+  }
 }
 
 TEST(TrackerRecords, EveryFieldOfEveryOperationOnTwoThreadsInPhases) {
@@ -123,25 +118,15 @@ TEST(TrackerRecords, EveryFieldOfEveryOperationOnTwoThreadsInPhases) {
   // "/job" in the output directory: the directory goes after the name's last '/'.
   EXPECT_EQ(dir.Files(), (std::set<std::string>{"job.memT0", "job.phaseStack"}));
   for (const std::string& name : dir.Files())  // whatever the umask: the owner's files
-    EXPECT_EQ(fs::status(dir.path() + "/" + name).permissions(), fs::perms::owner_read | fs::perms::owner_write)
-        << name;
-  const std::vector<Record> r = ReadRecords(dir.path() + "/job.memT0");
-  ASSERT_EQ(r.size(), 11u);
-  for (std::uint32_t i = 0; i < r.size(); ++i) EXPECT_EQ(r[i].number, i);
-  ExpectRecord(r[0], 0, v["p"], 24, 0, 0);
-  ExpectRecord(r[1], 2, v["q"], 100, 0, 1);
-  ExpectRecord(r[2], 4, v["r"], 4000, 0, 1, v["p"]);
-  ExpectRecord(r[3], 5, v["c"], 24, 0, 1);
-  ExpectRecord(r[4], 7, v["c"], kReleased, 0, 2);
-  ExpectRecord(r[5], 8, v["c"], kReleased, 0, 2);
-  ExpectRecord(r[6], 1, v["c"], kReleased, 0, kStale);
-  ExpectRecord(r[7], 3, v["q"], kReleased, 0, 1);
-  ExpectRecord(r[8], 0, v["w"], 7, 1, 4);  // the worker, in ROOT->worker (its name cut to 6 characters)
-  ExpectRecord(r[9], 1, v["w"], kReleased, 1, kStale);
-  ExpectRecord(r[10], 1, v["r"], kReleased, 0, kStale);
-
+    EXPECT_EQ(fs::status(dir.path + "/" + name).permissions(), fs::perms::owner_read | fs::perms::owner_write) << name;
+  const std::vector<Record> r = dir.Records("job.memT0");
+  ExpectRecords(r, 0, {{0, v["p"], 24, 0, 0}, {2, v["q"], 100, 0, 1}, {4, v["r"], 4000, 0, 1, v["p"]},
+                    {5, v["c"], 24, 0, 1}, {7, v["c"], kReleased, 0, 2}, {8, v["c"], kReleased, 0, 2},
+                    {1, v["c"], kReleased, 0, kStale}, {3, v["q"], kReleased, 0, 1},
+                    {0, v["w"], 7, 1, 4},  // the worker, in ROOT->worker (its name cut to 6 characters)
+                    {1, v["w"], kReleased, 1, kStale}, {1, v["r"], kReleased, 0, kStale}});
   // Phase file: count, then identifier and a 131072-byte NUL-terminated path per entry.
-  const std::string phases = ReadFile(dir.path() + "/job.phaseStack");
+  const std::string phases = ReadFile(dir.path + "/job.phaseStack");
   ASSERT_GE(phases.size(), 4u);
   const std::uint32_t count = U32(phases, 0);
   ASSERT_EQ(phases.size(), 4 + 131076u * count);
@@ -161,24 +146,17 @@ TEST(TrackerRecords, AFullBatchIsWrittenAndFreeRecordsKeepTheirSlotsStalePhase) 
   ASSERT_TRUE(ExitedCleanly(run));
   auto v = Values(run.out);
   ASSERT_EQ(v["start"], 0u);
-  const std::vector<Record> first = ReadRecords(dir.path() + "/unknownMemTrack.memT0");
+  const std::vector<Record> first = dir.Records();
   ASSERT_EQ(first.size(), 131072u);
-  int wrong = 0;
-  for (std::uint32_t i = 0; i < first.size(); ++i) {
-    const Record& r = first[i];
-    const bool isMalloc = i % 2 == 0;
-    wrong += r.number != i || r.code != (isMalloc ? 0u : 1u) || r.thread != 0 ||
-             r.size != (isMalloc ? 1 + (i / 2) % 100 : kReleased) || r.phase != (isMalloc ? 1 : kStale) ||
-             r.address != first[i & ~1u].address || r.previous != 0;
-  }
-  EXPECT_EQ(wrong, 0);
-  const std::vector<Record> second = ReadRecords(dir.path() + "/unknownMemTrack.memT1");
-  ASSERT_EQ(second.size(), 4u);
-  EXPECT_EQ(second[0].number, 131072u);
-  ExpectRecord(second[0], 0, v["a"], 5, 0, 0);
-  ExpectRecord(second[1], 0, v["b"], 6, 0, 0);
-  ExpectRecord(second[2], 1, v["a"], kReleased, 0, 1);       // slot 2 last held a malloc in "bulk"
-  ExpectRecord(second[3], 1, v["b"], kReleased, 0, kStale);  // slot 3 only ever held frees
+  std::vector<Want> pairs;  // each free names the address its malloc returned
+  for (std::uint32_t i = 0; i < first.size(); ++i)
+    pairs.push_back(i % 2 ? Want{1, first[i - 1].address, kReleased, 0, kStale}
+                          : Want{0, first[i].address, 1 + i / 2 % 100, 0, 1});
+  ExpectRecords(first, 0, pairs);
+  const std::vector<Record> second = dir.Records("unknownMemTrack.memT1");
+  ExpectRecords(second, 131072, {{0, v["a"], 5, 0, 0}, {0, v["b"], 6, 0, 0},
+                                 {1, v["a"], kReleased, 0, 1},         // slot 2 last held a malloc in "bulk"
+                                 {1, v["b"], kReleased, 0, kStale}});  // slot 3 only ever held frees
 }
 
 TEST(TrackerDebugTransactions, AnnouncedInNumberOrderAndBlockedByANumberAlreadyPassed) {
@@ -209,57 +187,49 @@ TEST(TrackerStopStart, BlocksAcquiredWhileStoppedAreNeverRecorded) {
   const ChildResult run = Probe("untracked", Tracking(dir));
   ASSERT_TRUE(ExitedCleanly(run));
   auto v = Values(run.out);
-  const std::vector<Record> r = ReadRecords(dir.path() + "/unknownMemTrack.memT0");
-  ASSERT_EQ(r.size(), 6u);
-  ExpectRecord(r[0], 0, v["a"], 10, 0, 0);
-  EXPECT_EQ(r[1].size, 16u);
-  ExpectRecord(r[2], 1, v["a"], kReleased, 0, kStale);  // acquired before the stop
-  ExpectRecord(r[3], 0, v["f"], 60, 0, 0);
-  ExpectRecord(r[4], 1, v["f"], kReleased, 0, kStale);
-  ExpectRecord(r[5], 1, v["g"], kReleased, 0, kStale);  // its move while stopped left no record
+  ExpectRecords(dir.Records(), -1, {{0, v["a"], 10, 0, 0}, {0, v["g0"], 16, 0, 0},
+                                    {1, v["a"], kReleased, 0, kStale},  // acquired before the stop
+                                    {0, v["f"], 60, 0, 0}, {1, v["f"], kReleased, 0, kStale},
+                                    {1, v["g"], kReleased, 0, kStale}});  // its move while stopped left no record
 }
 
-TEST(TrackerNaming, TooLongNamesSwitchTrackingOff) {
+// Names too long switch tracking off; a missing directory loses the files with a
+// hint; with tracking off nothing is written and the counter stays at zero.
+TEST(TrackerNaming, LongNamesMissingDirectoriesAndTrackingOff) {
   const std::string nameError = "ERROR: Output file names are too long in memory tracking code.\n";
-  OutputDir dir;
-  const int d = static_cast<int>(dir.path().size());
+  const std::string noFile = "\nUnable to open memory tracking file.\n  FileName: /no/such/dir/unknownMemTrack.";
+  const std::string hint = "  Does the output directory /no/such/dir exist?\n";
+  OutputDir dir, quiet;
+  const int d = static_cast<int>(dir.path.size());
+  const EnvVars inCwd = {{"ZEM_MEM_TRACK", ""}};  // no output directory: names stand alone
   struct Case {
+    const char* scenario;
     EnvVars env;
     int nameLength;
     std::string err;
+    std::string out;
   };
   const Case cases[] = {
-      {Tracking(dir), 2036 - d, ""},
-      {Tracking(dir), 2037 - d, nameError},
-      {{{"ZEM_MEM_TRACK", ""}}, 2036, ""},
-      {{{"ZEM_MEM_TRACK", ""}}, 2037, nameError},
-      {{{"ZEM_MEM_TRACK", ""}, {"ZEM_MEM_OUTPUTDIR", std::string(1024, 'x')}}, 1,
-       "ERROR: Name of output directory given for memory tracking is too long.\nName must be under 1024 characters.\n\n"},
+      {"set_name", Tracking(dir), 2036 - d, "", "active=1\n"},
+      {"set_name", Tracking(dir), 2037 - d, nameError, "active=0\n"},
+      {"set_name", inCwd, 2036, "", "active=1\n"},
+      {"set_name", inCwd, 2037, nameError, "active=0\n"},
+      {"set_name", {{"ZEM_MEM_TRACK", ""}, {"ZEM_MEM_OUTPUTDIR", std::string(1024, 'x')}}, 1,
+       "ERROR: Name of output directory given for memory tracking is too long.\nName must be under 1024 characters.\n\n",
+       "active=0\n"},
+      {"one_record", {{"ZEM_MEM_TRACK", ""}, {"ZEM_MEM_OUTPUTDIR", "/no/such/dir"}}, 0,
+       "ROOT->phase  --  ENTER PHASE  --  Monitored TransID = 2 --  threadId = 0\n" + noFile + "phaseStack" + hint +
+           noFile + "memT0" + hint,
+       "active=1 id=2\n"},
+      {"one_record", {{"ZEM_MEM_OUTPUTDIR", quiet.path}}, 0, "", "active=0 id=0\n"},
   };
   for (const Case& c : cases) {
-    const ChildResult run = Probe("set_name", c.env, {std::to_string(c.nameLength)});
+    const ChildResult run = Probe(c.scenario, c.env, {std::to_string(c.nameLength)});
     EXPECT_TRUE(ExitedCleanly(run));
-    EXPECT_EQ(run.err, c.err) << c.nameLength;
-    EXPECT_EQ(run.out, c.err.empty() ? "active=1\n" : "active=0\n") << c.nameLength;
+    EXPECT_EQ(run.err, c.err) << c.scenario << " " << c.nameLength;
+    EXPECT_EQ(run.out, c.out) << c.scenario << " " << c.nameLength;
   }
-}
-
-TEST(TrackerNaming, AMissingDirectoryLosesTheFilesWithAHint) {
-  const ChildResult run = Probe("one_record", {{"ZEM_MEM_TRACK", ""}, {"ZEM_MEM_OUTPUTDIR", "/no/such/dir"}});
-  EXPECT_TRUE(ExitedCleanly(run));
-  const std::string hint = "  Does the output directory /no/such/dir exist?\n";
-  EXPECT_EQ(run.err, "\nUnable to open memory tracking file.\n  FileName: /no/such/dir/unknownMemTrack.phaseStack" +
-                         hint + "\nUnable to open memory tracking file.\n  FileName: /no/such/dir/unknownMemTrack.memT0" +
-                         hint);
-}
-
-TEST(TrackerOff, NothingIsWrittenAndTheCounterStaysAtZero) {
-  OutputDir dir;
-  const ChildResult run = Probe("off", {{"ZEM_MEM_OUTPUTDIR", dir.path()}});
-  EXPECT_TRUE(ExitedCleanly(run));
-  EXPECT_EQ(run.out, "active=0 id=0\n");
-  EXPECT_EQ(run.err, "");
-  EXPECT_TRUE(dir.Files().empty());
+  EXPECT_TRUE(quiet.Files().empty());
 }
 
 TEST(TrackerLimits, OverlongInputIsCutWithOneMessagePerKind) {
@@ -276,8 +246,12 @@ TEST(TrackerLimits, OverlongInputIsCutWithOneMessagePerKind) {
       {"ROOT->" + std::string(127, 'n') + "  --  ENTER PHASE", 1},
       {"ROOT->y  --  ENTER PHASE", 1},
   };
-  for (const auto& e : expected) EXPECT_EQ(Count(run.err, e.first), e.second) << e.first;
-  const std::vector<Record> r = ReadRecords(dir.path() + "/unknownMemTrack.memT0");
+  for (const auto& e : expected) {
+    std::size_t n = 0;
+    for (std::size_t at = run.err.find(e.first); at != std::string::npos; at = run.err.find(e.first, at + 1)) ++n;
+    EXPECT_EQ(n, e.second) << e.first;
+  }
+  const std::vector<Record> r = dir.Records();
   ASSERT_EQ(r.size(), 140u);
   std::map<std::uint32_t, int> perThread;
   for (const Record& rec : r) ++perThread[rec.thread];
@@ -287,11 +261,10 @@ TEST(TrackerLimits, OverlongInputIsCutWithOneMessagePerKind) {
 
 TEST(TrackerLimits, ThePhaseTableEndsTheProcessWhenTwoThirdsFull) {
   const ChildResult run = Probe("overflow", {{"ZEM_MEM_TRACK", ""}});
-  EXPECT_TRUE(run.exited && run.exitCode == 0) << Describe(run);
+  EXPECT_TRUE(ExitedCleanly(run));
   EXPECT_EQ(run.out, "stored=3992\n");
   const std::string message = "mem_PtrHash::Add  --  ERROR  --  Stack hash table has been overfilled.\n";
-  ASSERT_GE(run.err.size(), message.size());
-  EXPECT_EQ(run.err.substr(run.err.size() - message.size()), message);
+  EXPECT_EQ(run.err.substr(run.err.size() - std::min(run.err.size(), message.size())), message);
 }
 
 }  // namespace
