@@ -11,6 +11,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mem/internal/alloc_table.h"
@@ -30,11 +31,10 @@ void ExpectIntact(const Allocator& a) {
   EXPECT_TRUE(a.Check(&problem)) << problem;
 }
 
-TEST(SmallObjects, RequestSizesMapToTheirClassAndFirstSlotsSitAfterTheRecord) {
+TEST(SmallObjects, SizeClassesSlotPlacementAndReallocationWithinTheSlotOrByCopy) {
   struct Case { std::size_t bytes; int sizeClass; int slotBytes; };
-  const Case cases[] = {{0, 0, 4},   {1, 0, 4},   {4, 0, 4},    {5, 1, 8},    {8, 1, 8},   {9, 2, 16},
-                        {16, 2, 16}, {17, 3, 32}, {48, 4, 48},  {49, 5, 64},  {97, 8, 112}, {113, 9, 128},
-                        {128, 9, 128}};
+  const Case cases[] = {{0, 0, 4},   {1, 0, 4},   {4, 0, 4},   {5, 1, 8},   {8, 1, 8},    {9, 2, 16},   {16, 2, 16},
+                        {17, 3, 32}, {48, 4, 48}, {49, 5, 64}, {97, 8, 112}, {113, 9, 128}, {128, 9, 128}};
   Allocator a;
   for (const Case& c : cases) {
     void* p = a.Allocate(c.bytes);
@@ -44,36 +44,29 @@ TEST(SmallObjects, RequestSizesMapToTheirClassAndFirstSlotsSitAfterTheRecord) {
   }
   // The first slot of a fresh page: offset 56 for the 4- and 8-byte classes, 64 (16-aligned) from 16 bytes on.
   Allocator fresh;
-  EXPECT_EQ(PageOffset(fresh.Allocate(3)), 56u);
-  EXPECT_EQ(PageOffset(fresh.Allocate(6)), 56u);
-  EXPECT_EQ(PageOffset(fresh.Allocate(16)), 64u);
-  EXPECT_EQ(PageOffset(fresh.Allocate(100)), 64u);
-  EXPECT_EQ(PageOffset(fresh.Allocate(100)), 64u + 112u);
-  ExpectIntact(a);
-  ExpectIntact(fresh);
-}
+  const std::pair<std::size_t, std::uintptr_t> offsets[] = {{3, 56}, {6, 56}, {16, 64}, {100, 64}, {100, 64 + 112}};
+  for (const auto& [bytes, offset] : offsets) EXPECT_EQ(PageOffset(fresh.Allocate(bytes)), offset) << bytes;
 
-TEST(SmallObjects, ReallocationStaysInItsSlotWhileItFitsAndCopiesTheWholeSlotWhenItMoves) {
-  Allocator a;
+  // A 32-byte slot takes 30 and 32 bytes in place; 33 move with the whole slot copied, 200 to the general heap.
   auto* block = static_cast<unsigned char*>(a.Allocate(20));
   for (int i = 0; i < 32; ++i) block[i] = static_cast<unsigned char>(i + 1);
+  auto copied = [](const unsigned char* p) {
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(p[i], i + 1) << "byte " << i;
+  };
   EXPECT_EQ(a.Reallocate(block, 30), block);
   EXPECT_EQ(a.Reallocate(block, 32), block);
-
   auto* moved = static_cast<unsigned char*>(a.Reallocate(block, 33));
   ASSERT_NE(moved, block);
   EXPECT_EQ(RecordOf(moved)->Tag(), 4);
-  for (int i = 0; i < 32; ++i) ASSERT_EQ(moved[i], i + 1) << "byte " << i;
-
+  copied(moved);
   auto* large = static_cast<unsigned char*>(a.Reallocate(moved, 200));
   ASSERT_NE(large, nullptr);
-  EXPECT_FALSE(HasSmallObjectMark(large));  // the general heap's block
-  for (int i = 0; i < 32; ++i) ASSERT_EQ(large[i], i + 1) << "byte " << i;
+  EXPECT_FALSE(HasSmallObjectMark(large));
+  copied(large);
   dlfree(large);
-
-  void* gone = a.Allocate(10);
-  EXPECT_EQ(a.Reallocate(gone, 0), nullptr);  // size 0 releases
+  EXPECT_EQ(a.Reallocate(a.Allocate(10), 0), nullptr);  // size 0 releases
   ExpectIntact(a);
+  ExpectIntact(fresh);
 }
 
 // Fills `full` pages of one class and opens one more; the blocks of each page, in page order.
@@ -132,11 +125,7 @@ TEST(SmallObjects, RandomTrafficKeepsEveryBlockIntactAgainstAModel) {
     struct Live { unsigned char* p; std::size_t bytes; unsigned char tag; };
     std::vector<Live> live;
     auto fill = [](const Live& b) { std::memset(b.p, b.tag, b.bytes); };
-    auto intact = [](const Live& b) {
-      for (std::size_t i = 0; i < b.bytes; ++i)
-        if (b.p[i] != b.tag) return false;
-      return true;
-    };
+    auto intact = [](const Live& b) { return std::count(b.p, b.p + b.bytes, b.tag) == static_cast<long>(b.bytes); };
     for (int step = 0; step < 60000; ++step) {
       const unsigned r = rng();
       const std::size_t bytes = 1 + rng() % 128;
