@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ZMXUTI_CoreUtils.h"
@@ -121,15 +122,14 @@ TEST_F(CacheManagerTest, PurgeTakesAlwaysFirstThenTheLevelsListsFromTheBack) {
       {0, 3, "ac", 3, {"e|e", "d|d", "b|b", ""}},  // stops at the first amount >= bytes
       {0, 1, "a", 1, {"e|e", "d|d", "bc|c", ""}},
   };
-  const mem_CachePriorityEnm priorities[] = {MEM_CACHE_PRIORITY_1, MEM_CACHE_PRIORITY_3, MEM_CACHE_PRIORITY_3,
-                                             MEM_CACHE_PRIORITY_2, MEM_CACHE_PRIORITY_1};
-  const mem_CachePolicyEnm policies[] = {MEM_CACHE_ALWAYS, MEM_CACHE_BACK, MEM_CACHE_BACK, MEM_CACHE_BACK,
-                                         MEM_CACHE_FRONT};
+  const std::pair<mem_CachePriorityEnm, mem_CachePolicyEnm> places[] = {
+      {MEM_CACHE_PRIORITY_1, MEM_CACHE_ALWAYS}, {MEM_CACHE_PRIORITY_3, MEM_CACHE_BACK},
+      {MEM_CACHE_PRIORITY_3, MEM_CACHE_BACK}, {MEM_CACHE_PRIORITY_2, MEM_CACHE_BACK}, {MEM_CACHE_PRIORITY_1, MEM_CACHE_FRONT}};
   for (const auto& c : cases) {
     mem_CacheItemPtr items[5];
     for (int i = 0; i < 5; ++i) {
       items[i] = Item(static_cast<char>('a' + i), i + 1);
-      manager_.AddItem(priorities[i], policies[i], items[i]);
+      manager_.AddItem(places[i].first, places[i].second, items[i]);
     }
     log_.clear();
     EXPECT_EQ(manager_.Purge(c.level, c.bytes), c.result) << c.level << " " << c.bytes;
@@ -153,9 +153,12 @@ TEST_F(CacheManagerTest, PurgeAsksUntilEnoughOrTheAnswerRepeats) {
 
 TEST_F(CacheManagerTest, DebugPrintNamesEachListAndItsItemsFromTheHead) {
   mem_CacheManager manager("a_name_longer_than_sixteen");
-  testing::internal::CaptureStdout();
-  manager.DebugPrint();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  auto printed = [&manager] {
+    testing::internal::CaptureStdout();
+    manager.DebugPrint();
+    return testing::internal::GetCapturedStdout();
+  };
+  EXPECT_EQ(printed(),
             "--- Debug Print for CacheManager: a_name_longer_th\n"
             "   ---Items in purge list PRIORITY_1\n  --Empty--\n"
             "   ---Items in purge list PRIORITY_2\n  --Empty--\n"
@@ -165,9 +168,7 @@ TEST_F(CacheManagerTest, DebugPrintNamesEachListAndItsItemsFromTheHead) {
   mem_CacheItemPtr x = Item('x'), y = Item('y');
   manager.AddItem(MEM_CACHE_PRIORITY_3, MEM_CACHE_BACK, x);
   manager.AddItem(MEM_CACHE_PRIORITY_3, MEM_CACHE_FRONT, y);
-  testing::internal::CaptureStdout();
-  manager.DebugPrint();
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = printed();
   EXPECT_NE(out.find("   ---Items in purge list PRIORITY_3\nitem y\nitem x\n   ---Items in purge list ALWAYS\n"),
             std::string::npos)
       << out;
