@@ -9,6 +9,7 @@
 #include <cstring>
 #include <map>
 #include <new>
+#include <numeric>
 #include <random>
 #include <set>
 #include <string>
@@ -38,9 +39,7 @@ struct CountingAllocator : mem_Allocator {
     mem_Free(block);
   }
   std::size_t LiveBytes() const {
-    std::size_t total = 0;
-    for (const auto& entry : live) total += entry.second;
-    return total;
+    return std::accumulate(live.begin(), live.end(), std::size_t{0}, [](auto n, const auto& e) { return n + e.second; });
   }
   bool Refuse() { return perMille != 0 && rng() % 1000 < perMille; }
   void* Note(void* block, std::size_t size) {
@@ -123,8 +122,6 @@ TEST(CachePool, NumberedFacts) {
   if (mem_UseDL()) labels.insert("+mem_Block");
   EXPECT_EQ(allocator.labels, labels);
 }
-
-// ------------------------------------------------------- randomized model
 
 constexpr std::size_t kDataBytes = 3000;
 
@@ -295,8 +292,6 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
 INSTANTIATE_TEST_SUITE_P(Allocators, PoolModelTest, ::testing::Values(0, 1, 2), [](const auto& param) {
   return std::string(param.param == 0 ? "GeneralHeap" : param.param == 1 ? "FrontDoor" : "RefusingCounting");
 });
-
-// ------------------------------------------------------- fresh processes
 
 TEST(CachePoolProcess, PurgingUnderTheMemoryLimitMakesRoomUntilNothingIsLeft) {
   const zmx_test::ChildResult r = zmx_test::RunProbe("pools_probe", "limit");

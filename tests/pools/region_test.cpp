@@ -13,6 +13,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <new>
+#include <numeric>
 #include <random>
 #include <string>
 #include <utility>
@@ -76,9 +77,7 @@ class VariableModel {
   }
 
   int InUse() const {
-    int sum = 0;
-    for (const auto& block : used_) sum += block.second;
-    return sum;
+    return std::accumulate(used_.begin(), used_.end(), 0, [](int n, const auto& block) { return n + block.second; });
   }
   int Largest() const { return fit_.empty() ? 0 : fit_.rbegin()->first; }
   bool IsTreeBlock(int pos, int size) const { return fit_.count({size, pos}) != 0; }

@@ -70,11 +70,6 @@ struct DataItem : mem_CacheItem {
     purged->push_back(number);
     return kDataBytes;
   }
-  bool Intact() const {
-    for (std::size_t i = 0; data != 0 && i < kDataBytes; i += 997)
-      if (static_cast<const unsigned char*>(pool->Ptr(data))[i] != static_cast<unsigned char>(number)) return false;
-    return true;
-  }
 };
 
 void PrintPurged(const char* when, std::vector<int>& purged) {
@@ -111,7 +106,9 @@ void LimitPurge() {
   PrintPurged("for the extra block", purged);
   bool intact = true;
   for (mem_CachePoolID self : items) {
-    intact = intact && static_cast<DataItem*>(pool->Ptr(self))->Intact();
+    const DataItem* item = static_cast<DataItem*>(pool->Ptr(self));
+    for (std::size_t i = 0; item->data != 0 && i < kDataBytes; i += 997)
+      intact = intact && static_cast<unsigned char*>(pool->Ptr(item->data))[i] == (item->number & 0xFF);
     mem_CacheItemPtr ptr(pool, self);
     manager.RemoveItem(ptr);
   }
