@@ -172,11 +172,11 @@ std::size_t RandomBytes(std::mt19937& rng) {
   return rng() % (kLimits[rng() % 4] + 1);  // 0 included: it counts as 1
 }
 
-int RandomUsed(const VariableModel& model, std::mt19937& rng) {
-  auto it = model.Used().begin();
-  std::advance(it, rng() % model.Used().size());
-  return it->first;
+// A random (position, words) entry of a non-empty map of the model.
+std::pair<int, int> RandomOf(const std::map<int, int>& blocks, std::mt19937& rng) {
+  return *std::next(blocks.begin(), static_cast<long>(rng() % blocks.size()));
 }
+int RandomUsed(const VariableModel& model, std::mt19937& rng) { return RandomOf(model.Used(), rng).first; }
 
 // One random step against the model; the region's answers must match exactly.
 void Step(Harness& h, std::mt19937& rng, int capacity) {
@@ -209,10 +209,9 @@ void Step(Harness& h, std::mt19937& rng, int capacity) {
     int rel = 16 + 4 * static_cast<int>(rng() % (capacity / 4));
     int words = 4 * (1 + static_cast<int>(rng() % 64));
     if (rng() % 2 == 0 && !model.FreeBlocks().empty()) {  // inside a free block: it must succeed
-      auto it = model.FreeBlocks().begin();
-      std::advance(it, rng() % model.FreeBlocks().size());
-      rel = it->first + 4 * static_cast<int>(rng() % (it->second / 4));
-      words = 4 * (1 + static_cast<int>(rng() % ((it->first + it->second - rel) / 4)));
+      const auto [start, size] = RandomOf(model.FreeBlocks(), rng);
+      rel = start + 4 * static_cast<int>(rng() % (size / 4));
+      words = 4 * (1 + static_cast<int>(rng() % ((start + size - rel) / 4)));
     }
     const int expected = model.Claim(rel, words);
     ASSERT_EQ(region.ClaimBlock(h.array.data(), base + rel, words), expected < 0 ? -1 : base + rel) << rel << "+" << words;
