@@ -4,20 +4,40 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ZMXUTI_CoreUtils.h"
 #include "support/child_process.h"
-#include "tests/pools/cache_items.h"
 
 namespace {
 
-using pools_test::As;
-using pools_test::ListOf;
-using pools_test::ScriptedItem;
-
 constexpr std::size_t kHuge = std::size_t{1} << 62;
+
+// A named item in a pool: AvailableSize answers start, start + step, ...; Purge logs its name.
+class ScriptedItem : public mem_CacheItem {
+ public:
+  ScriptedItem(mem_CacheItemPtr self, char name, std::uint64_t released, std::string* log, std::uint64_t start,
+               std::uint64_t step)
+      : self_(self), name_(name), released_(released), start_(start), step_(step), log_(log) {}
+  std::uint64_t AvailableSize() override { return start_ + step_ * asks_++; }
+  void DebugPrint() override { std::printf("item %c\n", name_); }
+  mem_CacheItemPtr Self() override { return self_; }
+  std::uint64_t Purge() override {
+    *log_ += name_;
+    return released_;
+  }
+  mem_CacheItemPtr self_;
+  char name_;
+  std::uint64_t released_, start_, step_;
+  std::string* log_;
+  int asks_ = 0;
+};
+
+ScriptedItem* As(const mem_CacheItemPtr& p) { return static_cast<ScriptedItem*>(p.Ptr()); }
 
 class CacheManagerTest : public ::testing::Test {
  protected:
@@ -25,10 +45,23 @@ class CacheManagerTest : public ::testing::Test {
   void TearDown() override { pool_->Delete(); }
 
   mem_CacheItemPtr Item(char name, std::uint64_t released = 1, std::uint64_t start = 0, std::uint64_t step = 0) {
-    return ScriptedItem::Place(pool_, name, released, &log_, start, step);
+    const mem_CachePoolID id = pool_->Alloc(sizeof(ScriptedItem));
+    const mem_CacheItemPtr self(pool_, id);
+    new (pool_->Ptr(id)) ScriptedItem(self, name, released, &log_, start, step);
+    return self;
   }
+  // Per list: its names from the head by Next, then "|" and its back's name ("" when empty).
   std::vector<std::string> Lists() const {
-    return {ListOf(manager_, 0), ListOf(manager_, 1), ListOf(manager_, 2), ListOf(manager_, 3)};
+    std::vector<std::string> lists;
+    for (int list = 0; list < 4; ++list) {
+      const mem_CacheItemPtr head = manager_.Head(list);
+      std::string names;
+      for (mem_CacheItemPtr at = head; !at.IsNull() && (names.empty() || at != head) && names.size() < 64;
+           at = at.Ptr()->Next())
+        names += As(at)->name_;
+      lists.push_back(head.IsNull() ? "" : names + "|" + As(head.Ptr()->Last())->name_);
+    }
+    return lists;
   }
 
   mem_Allocator allocator_;
@@ -40,14 +73,13 @@ class CacheManagerTest : public ::testing::Test {
 TEST_F(CacheManagerTest, ListsFollowPriorityAndPolicyAndHeadsMoveOnRemoval) {
   mem_CacheItemPtr items[6];
   for (int i = 0; i < 6; ++i) items[i] = Item(static_cast<char>('A' + i));
-  struct Step {
+  const struct {
     int add;  // item to add (-1: remove `remove`)
     mem_CachePriorityEnm priority;
     mem_CachePolicyEnm policy;
     int remove;
     std::vector<std::string> lists;  // "names from head|back"
-  };
-  const Step steps[] = {
+  } steps[] = {
       {0, MEM_CACHE_PRIORITY_2, MEM_CACHE_BACK, 0, {"", "A|A", "", ""}},
       {1, MEM_CACHE_PRIORITY_2, MEM_CACHE_BACK, 0, {"", "AB|B", "", ""}},
       {2, MEM_CACHE_PRIORITY_2, MEM_CACHE_BACK, 0, {"", "ABC|C", "", ""}},
@@ -63,7 +95,7 @@ TEST_F(CacheManagerTest, ListsFollowPriorityAndPolicyAndHeadsMoveOnRemoval) {
       {-1, MEM_CACHE_PRIORITY_1, MEM_CACHE_BACK, 4, {"", "", "F|F", ""}},
   };
   int n = 0;
-  for (const Step& s : steps) {
+  for (const auto& s : steps) {
     if (s.add >= 0)
       manager_.AddItem(s.priority, s.policy, items[s.add]);
     else
@@ -74,15 +106,15 @@ TEST_F(CacheManagerTest, ListsFollowPriorityAndPolicyAndHeadsMoveOnRemoval) {
 }
 
 TEST_F(CacheManagerTest, PurgeTakesAlwaysFirstThenTheLevelsListsFromTheBack) {
-  struct Case {
+  // ALWAYS: a; PRIORITY_3: b c; PRIORITY_2: d; PRIORITY_1: e. Each releases its letter's rank;
+  // the result is the last purged item's amount, not a sum.
+  const struct {
     int level;
     std::uint64_t bytes;
     const char* purged;
-    std::uint64_t result;  // the last purged item's amount, not a sum
+    std::uint64_t result;
     std::vector<std::string> left;
-  };
-  // ALWAYS: a; PRIORITY_3: b c; PRIORITY_2: d; PRIORITY_1: e. Each releases its letter's rank.
-  const Case cases[] = {
+  } cases[] = {
       {0, 1000, "acbde", 5, {"", "", "", ""}},
       {2, 1000, "ad", 4, {"e|e", "", "bc|c", ""}},
       {3, 1000, "acb", 2, {"e|e", "d|d", "", ""}},
@@ -90,18 +122,20 @@ TEST_F(CacheManagerTest, PurgeTakesAlwaysFirstThenTheLevelsListsFromTheBack) {
       {0, 3, "ac", 3, {"e|e", "d|d", "b|b", ""}},  // stops at the first amount >= bytes
       {0, 1, "a", 1, {"e|e", "d|d", "bc|c", ""}},
   };
-  for (const Case& c : cases) {
-    mem_CacheItemPtr a = Item('a', 1), b = Item('b', 2), cc = Item('c', 3), d = Item('d', 4), e = Item('e', 5);
-    manager_.AddItem(MEM_CACHE_PRIORITY_1, MEM_CACHE_ALWAYS, a);
-    manager_.AddItem(MEM_CACHE_PRIORITY_3, MEM_CACHE_BACK, b);
-    manager_.AddItem(MEM_CACHE_PRIORITY_3, MEM_CACHE_BACK, cc);
-    manager_.AddItem(MEM_CACHE_PRIORITY_2, MEM_CACHE_BACK, d);
-    manager_.AddItem(MEM_CACHE_PRIORITY_1, MEM_CACHE_FRONT, e);
+  const std::pair<mem_CachePriorityEnm, mem_CachePolicyEnm> places[] = {
+      {MEM_CACHE_PRIORITY_1, MEM_CACHE_ALWAYS}, {MEM_CACHE_PRIORITY_3, MEM_CACHE_BACK},
+      {MEM_CACHE_PRIORITY_3, MEM_CACHE_BACK}, {MEM_CACHE_PRIORITY_2, MEM_CACHE_BACK}, {MEM_CACHE_PRIORITY_1, MEM_CACHE_FRONT}};
+  for (const auto& c : cases) {
+    mem_CacheItemPtr items[5];
+    for (int i = 0; i < 5; ++i) {
+      items[i] = Item(static_cast<char>('a' + i), i + 1);
+      manager_.AddItem(places[i].first, places[i].second, items[i]);
+    }
     log_.clear();
     EXPECT_EQ(manager_.Purge(c.level, c.bytes), c.result) << c.level << " " << c.bytes;
     EXPECT_EQ(log_, c.purged) << c.level << " " << c.bytes;
     EXPECT_EQ(Lists(), c.left) << c.level << " " << c.bytes;
-    for (mem_CacheItemPtr* p : {&a, &b, &cc, &d, &e}) manager_.RemoveItem(*p);
+    for (mem_CacheItemPtr& p : items) manager_.RemoveItem(p);
   }
   EXPECT_EQ(manager_.Purge(0, 10), 0u);  // nothing to purge
 }
@@ -113,15 +147,18 @@ TEST_F(CacheManagerTest, PurgeAsksUntilEnoughOrTheAnswerRepeats) {
   manager_.AddItem(MEM_CACHE_PRIORITY_2, MEM_CACHE_BACK, growing);
   EXPECT_EQ(manager_.Purge(2, 55), 7u);
   EXPECT_EQ(log_, "gs");
-  EXPECT_EQ(As(growing)->Asks(), 6);  // until 60 >= 55
-  EXPECT_EQ(As(stuck)->Asks(), 2);    // 5, then 5 again
+  EXPECT_EQ(As(growing)->asks_, 6);  // until 60 >= 55
+  EXPECT_EQ(As(stuck)->asks_, 2);    // 5, then 5 again
 }
 
 TEST_F(CacheManagerTest, DebugPrintNamesEachListAndItsItemsFromTheHead) {
   mem_CacheManager manager("a_name_longer_than_sixteen");
-  testing::internal::CaptureStdout();
-  manager.DebugPrint();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  auto printed = [&manager] {
+    testing::internal::CaptureStdout();
+    manager.DebugPrint();
+    return testing::internal::GetCapturedStdout();
+  };
+  EXPECT_EQ(printed(),
             "--- Debug Print for CacheManager: a_name_longer_th\n"
             "   ---Items in purge list PRIORITY_1\n  --Empty--\n"
             "   ---Items in purge list PRIORITY_2\n  --Empty--\n"
@@ -131,9 +168,7 @@ TEST_F(CacheManagerTest, DebugPrintNamesEachListAndItsItemsFromTheHead) {
   mem_CacheItemPtr x = Item('x'), y = Item('y');
   manager.AddItem(MEM_CACHE_PRIORITY_3, MEM_CACHE_BACK, x);
   manager.AddItem(MEM_CACHE_PRIORITY_3, MEM_CACHE_FRONT, y);
-  testing::internal::CaptureStdout();
-  manager.DebugPrint();
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = printed();
   EXPECT_NE(out.find("   ---Items in purge list PRIORITY_3\nitem y\nitem x\n   ---Items in purge list ALWAYS\n"),
             std::string::npos)
       << out;
@@ -142,10 +177,10 @@ TEST_F(CacheManagerTest, DebugPrintNamesEachListAndItsItemsFromTheHead) {
 // Each failed request purges once, for the requested size (the element size for
 // Calloc), and hands back the second attempt's null.
 TEST_F(CacheManagerTest, AllocatorsPurgeOnceForTheRequestedSizeAndReturnTheRetry) {
-  mem_Allocator frontDoor(&manager_);
+  mem_Allocator frontDoor(&manager_), unbound;
   mem_DLAllocator general(&manager_);
-  mem_Allocator unbound;
   void* kept = frontDoor.Malloc("t", 32);
+  void* small = general.Malloc("t", 16);
   auto purgedBy = [&](auto request) {
     mem_CacheItemPtr p = Item('p', 100, 100), q = Item('q', 100, 100);
     manager_.AddItem(MEM_CACHE_PRIORITY_1, MEM_CACHE_ALWAYS, p);
@@ -161,11 +196,10 @@ TEST_F(CacheManagerTest, AllocatorsPurgeOnceForTheRequestedSizeAndReturnTheRetry
   EXPECT_EQ(purgedBy([&] { return frontDoor.Calloc("t", kHuge, 64); }), "q");  // 100 bytes cover one element
   EXPECT_EQ(purgedBy([&] { return general.Malloc("t", kHuge); }), "qp");
   EXPECT_EQ(purgedBy([&] { return general.AlignedAlloc("t", 64, kHuge); }), "qp");
-  void* small = general.Malloc("t", 16);
   EXPECT_EQ(purgedBy([&] { return general.Realloc("t", small, kHuge); }), "qp");
-  general.Free("t", small);
   EXPECT_EQ(purgedBy([&] { return unbound.Malloc("t", kHuge); }), "");
-  frontDoor.Free("t", kept);  // the failed Realloc left it in place
+  general.Free("t", small);
+  frontDoor.Free("t", kept);  // the failed Reallocs left them in place
   mem_Allocator* clone = general.Clone();
   EXPECT_TRUE(dynamic_cast<mem_DLAllocator*>(clone) != nullptr && clone->Manager() == &manager_);
   delete clone;

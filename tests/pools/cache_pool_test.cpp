@@ -1,7 +1,6 @@
-// The cache pools: the numbered facts of handles, classes, clusters and the
-// summary; a randomized run against a model of live handles and their
-// contents over three allocators; purging under a real memory limit and the
-// abort on a bad handle in fresh processes.
+// The cache pools: handles, classes, clusters and the summary; a randomized run
+// against a model of live handles over three allocators; purging under a real
+// memory limit and the aborts in fresh processes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <cstring>
 #include <map>
 #include <new>
+#include <numeric>
 #include <random>
 #include <set>
 #include <string>
@@ -21,49 +21,35 @@
 namespace {
 
 // Counts live memory by block, keeps the labels it was given ("+name" taken,
-// "-name" returned) and can be told to refuse requests, a given share of them
-// at random.
-class CountingAllocator : public mem_Allocator {
- public:
+// "-name" returned) and refuses `perMille` of the requests at random.
+struct CountingAllocator : mem_Allocator {
+  explicit CountingAllocator(unsigned int share = 0) : perMille(share) {}
   void* Malloc(const char* name, std::size_t size) override {
-    labels_.insert(std::string("+") + name);
+    labels.insert(std::string("+") + name);
     return Note(Refuse() ? nullptr : mem_Malloc(size), size);
   }
-  void* Realloc(const char* name, void* block, std::size_t size) override {
-    if (Refuse()) return nullptr;
-    void* moved = mem_Realloc(block, size);
-    if (moved != nullptr) live_.erase(block);
+  void* Realloc(const char*, void* block, std::size_t size) override {
+    void* moved = Refuse() ? nullptr : mem_Realloc(block, size);
+    if (moved != nullptr) live.erase(block);
     return Note(moved, size);
   }
   void Free(const char* name, void* block) override {
-    labels_.insert(std::string("-") + name);
-    if (block != nullptr) {
-      EXPECT_EQ(live_.erase(block), 1u) << "freed a block it never gave out";
-    }
+    labels.insert(std::string("-") + name);
+    EXPECT_EQ(block == nullptr ? 1u : live.erase(block), 1u) << "freed a block it never gave out";
     mem_Free(block);
   }
   std::size_t LiveBytes() const {
-    std::size_t total = 0;
-    for (const auto& entry : live_) total += entry.second;
-    return total;
+    return std::accumulate(live.begin(), live.end(), std::size_t{0}, [](auto n, const auto& e) { return n + e.second; });
   }
-  std::size_t LiveBlocks() const { return live_.size(); }
-  const std::set<std::string>& Labels() const { return labels_; }
-  void RefuseShare(unsigned int perMille, unsigned int seed) {
-    perMille_ = perMille;
-    rng_.seed(seed);
-  }
-
- private:
-  bool Refuse() { return perMille_ != 0 && rng_() % 1000 < perMille_; }
+  bool Refuse() { return perMille != 0 && rng() % 1000 < perMille; }
   void* Note(void* block, std::size_t size) {
-    if (block != nullptr) live_[block] = size;
+    if (block != nullptr) live[block] = size;
     return block;
   }
-  std::map<void*, std::size_t> live_;
-  std::set<std::string> labels_;
-  unsigned int perMille_ = 0;
-  std::minstd_rand rng_;
+  std::map<void*, std::size_t> live;
+  std::set<std::string> labels;
+  unsigned int perMille;
+  std::minstd_rand rng{7};
 };
 
 unsigned int ClusterOf(mem_CachePoolID h) { return (h >> 1) & 0x7FFF; }
@@ -82,7 +68,6 @@ TEST(CachePool, NumberedFacts) {
   pool->Free(0);
 
   const mem_CachePoolID big = pool->Alloc(16385).Value();
-  EXPECT_EQ(big & 1, 0u);
   EXPECT_GE(big >> 1, 1u);
   // Two 4-byte requests: the first slots of a fixed region cut at the top of cluster 1.
   const mem_CachePoolID a = pool->Alloc(4).Value(), b = pool->Alloc(4).Value();
@@ -96,22 +81,21 @@ TEST(CachePool, NumberedFacts) {
             "mem_Block: Size = 1024\nmem_Block: Size = 4097\nmem_Block: Size = 1024\n");
 
   const mem_CachePoolID odd = pool->Alloc(16384);
-  EXPECT_EQ(odd & 1, 1u);
   std::memset(pool->Ptr(odd), 0x5A, 16384);
   EXPECT_EQ(pool->ReAlloc(odd, 0).Value(), 0u);  // the old block is kept
   EXPECT_EQ(static_cast<unsigned char*>(pool->Ptr(odd))[16383], 0x5A);
   // Its run holds 16392 bytes, yet 16385 make a block of their own, the data moved along.
   const mem_CachePoolID grown = pool->ReAlloc(odd, 16385);
-  EXPECT_EQ(grown & 1, 0u);
   EXPECT_EQ(static_cast<unsigned char*>(pool->Ptr(grown))[16383], 0x5A);
   pool->Free(grown);
   EXPECT_EQ(pool->Alloc(16385).Value(), grown);  // freed block indices are reused
   const mem_CachePoolID variable = pool->Alloc(300);
-  for (std::uint64_t smaller : {1, 200, 300}) EXPECT_EQ(pool->ReAlloc(variable, smaller).Value(), variable);
-  EXPECT_EQ(pool->ReAlloc(a, 3).Value(), a);
-  EXPECT_EQ(pool->ReAlloc(big, 1).Value(), big);  // a block never moves into a cluster
+  // Smaller requests keep their handle; a block never moves into a cluster.
+  for (const auto& [h, size] : {std::pair{variable, 1}, {variable, 200}, {variable, 300}, {a, 3}, {big, 1}})
+    EXPECT_EQ(pool->ReAlloc(h, size).Value(), h) << size;
   const mem_CachePoolID adopted = pool->Adopt(10, allocator.Malloc("test", 10));
-  EXPECT_EQ(adopted & 1, 0u);
+  // Blocks (passthru, adopted) have even handles, cluster memory odd ones.
+  for (const auto& [h, bit] : {std::pair{big, 0u}, {odd, 1u}, {grown, 0u}, {adopted, 0u}}) EXPECT_EQ(h & 1, bit) << h;
 
   // Emptying cluster 1 gives its 256 KiB back; the next cluster request reuses index 1.
   const std::size_t withCluster = allocator.LiveBytes();
@@ -130,16 +114,14 @@ TEST(CachePool, NumberedFacts) {
   EXPECT_EQ(ClusterOf(run), 2u);
   EXPECT_EQ(ClusterOf(pool->Alloc(4)), 2u);
   pool->Delete();
-  EXPECT_EQ(allocator.LiveBlocks(), 0u);  // blocks, adopted memory, pages, tables and the pool itself
+  EXPECT_EQ(allocator.live.size(), 0u);  // blocks, adopted memory, pages, tables and the pool itself
   // Memory is taken under its kind's label and goes back as a block's, the pool's own as the pool's;
   // the tables' chunk arrays come from the allocator only while the general heap serves requests.
   std::set<std::string> labels{"+mem_CachePool", "+mem_Cluster", "+mem_FixedBlock", "+test", "-mem_Block",
                                "-mem_CachePool"};
   if (mem_UseDL()) labels.insert("+mem_Block");
-  EXPECT_EQ(allocator.Labels(), labels);
+  EXPECT_EQ(allocator.labels, labels);
 }
-
-// ------------------------------------------------------- randomized model
 
 constexpr std::size_t kDataBytes = 3000;
 
@@ -174,16 +156,13 @@ unsigned char PatternByte(unsigned int serial, std::size_t i) {
 
 class PoolModelTest : public ::testing::TestWithParam<int> {
  protected:
+  unsigned char* Bytes(mem_CachePoolID h) const { return static_cast<unsigned char*>(pool_->Ptr(h)); }
   void Fill(mem_CachePoolID h, std::uint64_t from) {
-    Live& live = model_[h];
-    unsigned char* bytes = static_cast<unsigned char*>(pool_->Ptr(h));
-    for (std::uint64_t i = from; i < live.size; ++i) bytes[i] = PatternByte(live.serial, i);
+    for (std::uint64_t i = from; i < model_[h].size; ++i) Bytes(h)[i] = PatternByte(model_[h].serial, i);
   }
   bool Intact(mem_CachePoolID h) const {
-    const Live& live = model_.at(h);
-    const unsigned char* bytes = static_cast<const unsigned char*>(pool_->Ptr(h));
-    for (std::uint64_t i = 0; i < live.size; ++i)
-      if (bytes[i] != PatternByte(live.serial, i)) return false;
+    for (std::uint64_t i = 0; i < model_.at(h).size; ++i)
+      if (Bytes(h)[i] != PatternByte(model_.at(h).serial, i)) return false;
     return true;
   }
   // Every live handle keeps its contents and no two live handles overlap.
@@ -191,7 +170,7 @@ class PoolModelTest : public ::testing::TestWithParam<int> {
     std::vector<std::pair<const unsigned char*, std::uint64_t>> spans;
     for (const auto& entry : model_) {
       ASSERT_TRUE(Intact(entry.first)) << "handle " << std::hex << entry.first << std::dec << " at step " << step;
-      spans.emplace_back(static_cast<const unsigned char*>(pool_->Ptr(entry.first)), entry.second.size);
+      spans.emplace_back(Bytes(entry.first), entry.second.size);
     }
     std::sort(spans.begin(), spans.end());
     for (std::size_t i = 1; i < spans.size(); ++i)
@@ -218,8 +197,7 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
   mem_CacheManager manager("model");
   mem_DLAllocator general;
   mem_Allocator frontDoor;
-  CountingAllocator refusing;
-  refusing.RefuseShare(GetParam() == 2 ? 30 : 0, 7);
+  CountingAllocator refusing(30);
   mem_Allocator* allocators[] = {&general, &frontDoor, &refusing};
   mem_Allocator* allocator = allocators[GetParam()];
   pool_ = mem_CachePool::CreatePool(allocator);
@@ -229,7 +207,7 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
   int refusals = 0;
   for (int step = 0; step < 16000; ++step) {
     const unsigned int op = rng_() % 100;
-    const bool draining = step / 2500 % 2 == 1;  // waves that fill clusters and then empty them  // fill and drain in waves
+    const bool draining = step / 2500 % 2 == 1;  // waves that fill clusters and then empty them
     auto pick = [&]() -> mem_CachePoolID {  // 0 when only held data came up
       auto it = model_.lower_bound(static_cast<mem_CachePoolID>(rng_()));
       if (it == model_.end()) it = model_.begin();
@@ -237,13 +215,9 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
     };
     if (model_.empty() || (!draining && op < 45)) {
       const std::uint64_t size = RandomSize();
-      mem_CachePoolID h = 0;
-      if (op % 9 == 0 && size > 128) {
-        void* memory = allocator->Malloc("test", size);
-        h = memory != nullptr ? pool_->Adopt(size, memory).Value() : 0;
-      } else {
-        h = pool_->Alloc(size);
-      }
+      const bool adopt = op % 9 == 0 && size > 128;  // memory taken by the test and handed over
+      void* memory = adopt ? allocator->Malloc("test", size) : nullptr;
+      const mem_CachePoolID h = !adopt ? pool_->Alloc(size).Value() : memory ? pool_->Adopt(size, memory).Value() : 0;
       if (h == 0) {
         ++refusals;
         continue;
@@ -264,12 +238,9 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
       }
       model_.erase(h);
       model_[moved] = Live{size, old.serial, false};
-      const unsigned char* bytes = static_cast<const unsigned char*>(pool_->Ptr(moved));
       for (std::uint64_t i = 0; i < std::min(size, old.size); i += 61)
-        ASSERT_EQ(bytes[i], PatternByte(old.serial, i)) << "contents lost by ReAlloc at step " << step;
-      if (size <= old.size || !(h & 1)) {
-        ASSERT_EQ(moved, h) << "blocks and smaller requests keep their handle";
-      }
+        ASSERT_EQ(Bytes(moved)[i], PatternByte(old.serial, i)) << "contents lost by ReAlloc at step " << step;
+      ASSERT_TRUE((size > old.size && (h & 1)) || moved == h) << "blocks and smaller requests keep their handle";
       ASSERT_TRUE(size <= 16384 || !(moved & 1)) << "more than 16384 bytes make a block";
       Fill(moved, std::min(size, old.size));
     } else if (op < 97) {
@@ -300,11 +271,7 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
     if (step % 1000 == 999) CheckAll(step);
   }
   CheckAll(-1);
-  if (GetParam() == 2) {
-    EXPECT_GT(refusals, 0);
-  } else {
-    EXPECT_EQ(refusals, 0);
-  }
+  EXPECT_EQ(refusals > 0, GetParam() == 2) << refusals;
   for (mem_CachePoolID self : items) {
     mem_CacheItemPtr ptr(pool_, self);
     manager.RemoveItem(ptr);
@@ -317,23 +284,14 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
     ASSERT_FALSE(entry.second.held);
     pool_->Free(entry.first);
   }
-  model_.clear();
-  testing::internal::CaptureStdout();
-  pool_->DebugSummary();
-  EXPECT_EQ(testing::internal::GetCapturedStdout().substr(0, 14), "Pool Summary: ");
+  EXPECT_EQ(Captured(&mem_CachePool::DebugSummary, pool_).substr(0, 14), "Pool Summary: ");
   pool_->Delete();
-  if (GetParam() == 2) {
-    EXPECT_EQ(refusing.LiveBlocks(), 0u);
-  }
+  EXPECT_EQ(refusing.live.size(), 0u);
 }
 
-std::string AllocatorName(const ::testing::TestParamInfo<int>& param) {
-  const char* const kNames[] = {"GeneralHeap", "FrontDoor", "RefusingCounting"};
-  return kNames[param.param];
-}
-INSTANTIATE_TEST_SUITE_P(Allocators, PoolModelTest, ::testing::Values(0, 1, 2), AllocatorName);
-
-// ------------------------------------------------------- fresh processes
+INSTANTIATE_TEST_SUITE_P(Allocators, PoolModelTest, ::testing::Values(0, 1, 2), [](const auto& param) {
+  return std::string(param.param == 0 ? "GeneralHeap" : param.param == 1 ? "FrontDoor" : "RefusingCounting");
+});
 
 TEST(CachePoolProcess, PurgingUnderTheMemoryLimitMakesRoomUntilNothingIsLeft) {
   const zmx_test::ChildResult r = zmx_test::RunProbe("pools_probe", "limit");

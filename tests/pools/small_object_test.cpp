@@ -1,16 +1,14 @@
-// The small-object allocator on a private instance: size classes and slot
-// placement, reallocation rules, page retirement with its stale mark and the
-// reuse of page numbers, a randomized run against a model of live blocks, and
-// the refusal of bad releases. The front door's routing, the process-wide lock
-// and threads are exercised in fresh processes (small_objects_probe).
+// The small-object allocator on a private instance: classes, slots, reallocation,
+// page retirement and number reuse, a randomized model run, refused releases; the
+// front door and threads in fresh processes (small_objects_probe).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <map>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mem/internal/alloc_table.h"
@@ -30,11 +28,10 @@ void ExpectIntact(const Allocator& a) {
   EXPECT_TRUE(a.Check(&problem)) << problem;
 }
 
-TEST(SmallObjects, RequestSizesMapToTheirClassAndFirstSlotsSitAfterTheRecord) {
+TEST(SmallObjects, SizeClassesSlotPlacementAndReallocationWithinTheSlotOrByCopy) {
   struct Case { std::size_t bytes; int sizeClass; int slotBytes; };
-  const Case cases[] = {{0, 0, 4},   {1, 0, 4},   {4, 0, 4},    {5, 1, 8},    {8, 1, 8},   {9, 2, 16},
-                        {16, 2, 16}, {17, 3, 32}, {48, 4, 48},  {49, 5, 64},  {97, 8, 112}, {113, 9, 128},
-                        {128, 9, 128}};
+  const Case cases[] = {{0, 0, 4},   {1, 0, 4},   {4, 0, 4},   {5, 1, 8},   {8, 1, 8},    {9, 2, 16},   {16, 2, 16},
+                        {17, 3, 32}, {48, 4, 48}, {49, 5, 64}, {97, 8, 112}, {113, 9, 128}, {128, 9, 128}};
   Allocator a;
   for (const Case& c : cases) {
     void* p = a.Allocate(c.bytes);
@@ -44,50 +41,38 @@ TEST(SmallObjects, RequestSizesMapToTheirClassAndFirstSlotsSitAfterTheRecord) {
   }
   // The first slot of a fresh page: offset 56 for the 4- and 8-byte classes, 64 (16-aligned) from 16 bytes on.
   Allocator fresh;
-  EXPECT_EQ(PageOffset(fresh.Allocate(3)), 56u);
-  EXPECT_EQ(PageOffset(fresh.Allocate(6)), 56u);
-  EXPECT_EQ(PageOffset(fresh.Allocate(16)), 64u);
-  EXPECT_EQ(PageOffset(fresh.Allocate(100)), 64u);
-  EXPECT_EQ(PageOffset(fresh.Allocate(100)), 64u + 112u);
-  ExpectIntact(a);
-  ExpectIntact(fresh);
-}
+  const std::pair<std::size_t, std::uintptr_t> offsets[] = {{3, 56}, {6, 56}, {16, 64}, {100, 64}, {100, 64 + 112}};
+  for (const auto& [bytes, offset] : offsets) EXPECT_EQ(PageOffset(fresh.Allocate(bytes)), offset) << bytes;
 
-TEST(SmallObjects, ReallocationStaysInItsSlotWhileItFitsAndCopiesTheWholeSlotWhenItMoves) {
-  Allocator a;
+  // A 32-byte slot takes 30 and 32 bytes in place; 33 move with the whole slot copied, 200 to the general heap.
   auto* block = static_cast<unsigned char*>(a.Allocate(20));
   for (int i = 0; i < 32; ++i) block[i] = static_cast<unsigned char>(i + 1);
+  auto copied = [](const unsigned char* p) {
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(p[i], i + 1) << "byte " << i;
+  };
   EXPECT_EQ(a.Reallocate(block, 30), block);
   EXPECT_EQ(a.Reallocate(block, 32), block);
-
   auto* moved = static_cast<unsigned char*>(a.Reallocate(block, 33));
-  ASSERT_NE(moved, block);
-  EXPECT_EQ(RecordOf(moved)->Tag(), 4);
-  for (int i = 0; i < 32; ++i) ASSERT_EQ(moved[i], i + 1) << "byte " << i;
-
+  EXPECT_EQ(RecordOf(moved)->Tag(), 4);  // moved: the old slot's class is 3
+  copied(moved);
   auto* large = static_cast<unsigned char*>(a.Reallocate(moved, 200));
   ASSERT_NE(large, nullptr);
-  EXPECT_FALSE(HasSmallObjectMark(large));  // the general heap's block
-  for (int i = 0; i < 32; ++i) ASSERT_EQ(large[i], i + 1) << "byte " << i;
+  EXPECT_FALSE(HasSmallObjectMark(large));
+  copied(large);
   dlfree(large);
-
-  void* gone = a.Allocate(10);
-  EXPECT_EQ(a.Reallocate(gone, 0), nullptr);  // size 0 releases
+  EXPECT_EQ(a.Reallocate(a.Allocate(10), 0), nullptr);  // size 0 releases
   ExpectIntact(a);
+  ExpectIntact(fresh);
 }
 
 // Fills `full` pages of one class and opens one more; the blocks of each page, in page order.
 std::vector<std::vector<void*>> FillPages(Allocator& a, std::size_t bytes, int full) {
   std::vector<std::vector<void*>> byPage;
-  std::map<const void*, std::size_t> index;
-  while (static_cast<int>(byPage.size()) <= full) {
+  for (const void* last = nullptr; static_cast<int>(byPage.size()) <= full;) {
     void* p = a.Allocate(bytes);
-    const void* record = RecordOf(p);
-    if (!index.count(record)) {
-      index[record] = byPage.size();
-      byPage.emplace_back();
-    }
-    byPage[index[record]].push_back(p);
+    if (RecordOf(p) != last) byPage.emplace_back();
+    last = RecordOf(p);
+    byPage.back().push_back(p);
   }
   return byPage;
 }
@@ -100,17 +85,13 @@ TEST(SmallObjects, AnEmptiedPageWithANeighbourIsRetiredAndItsNumberReusedWhileAL
   EXPECT_EQ(a.ClassHead(8), 0);
 
   auto pages = FillPages(a, 40, 2);  // class 4: pages 1 and 2 full, page 3 opened
-  ASSERT_EQ(pages.size(), 3u);
-  const int second = RecordOf(pages[1][0])->number;
-  ASSERT_EQ(second, 2);
+  ASSERT_EQ(RecordOf(pages[1][0])->number, 2);
   for (void* p : pages[1]) a.Free(p);
   EXPECT_FALSE(HasSmallObjectMark(pages[1][0]));  // a stale pointer no longer passes as a small block
-  EXPECT_EQ(a.ReuseHead(), second + 1);
-  EXPECT_EQ(a.Entry(second)->record, nullptr);
-
+  EXPECT_EQ(a.ReuseHead(), 3);
+  EXPECT_EQ(a.Entry(2)->record, nullptr);
   // The retired number is the next one a new page takes, whatever its class.
-  void* next = a.Allocate(1);
-  EXPECT_EQ(RecordOf(next)->number, second);
+  EXPECT_EQ(RecordOf(a.Allocate(1))->number, 2);
   EXPECT_EQ(a.LivePageNumbers(), 4);
   EXPECT_EQ(a.ReuseHead(), 0);
 
@@ -132,11 +113,7 @@ TEST(SmallObjects, RandomTrafficKeepsEveryBlockIntactAgainstAModel) {
     struct Live { unsigned char* p; std::size_t bytes; unsigned char tag; };
     std::vector<Live> live;
     auto fill = [](const Live& b) { std::memset(b.p, b.tag, b.bytes); };
-    auto intact = [](const Live& b) {
-      for (std::size_t i = 0; i < b.bytes; ++i)
-        if (b.p[i] != b.tag) return false;
-      return true;
-    };
+    auto intact = [](const Live& b) { return std::count(b.p, b.p + b.bytes, b.tag) == static_cast<long>(b.bytes); };
     for (int step = 0; step < 60000; ++step) {
       const unsigned r = rng();
       const std::size_t bytes = 1 + rng() % 128;

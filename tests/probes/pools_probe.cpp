@@ -1,7 +1,5 @@
-// Fresh-process scenarios for the cache pools and the labelled allocators:
-// allocation attempts counted through the tracker's reports, purging under the
-// general heap's memory limit end to end, and the aborts on a bad handle and
-// on a misplaced AddItem.
+// Fresh-process scenarios for the cache pools and labelled allocators: attempts
+// counted by the tracker, purging under the heap's memory limit, and the aborts.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -18,8 +16,6 @@ void Up() {
   int depth = 0;
   UTI_CoreUtils_initialize(depth);
 }
-
-// ------------------------------------------------------------- attempts
 
 struct FailureCounter final : zmx::mem_internal::TrackerSink {
   int failed = 0;
@@ -53,8 +49,6 @@ void Attempts() {
   zmx::mem_internal::InstallTrackerSink(nullptr);
 }
 
-// ------------------------------------------------------ limit end to end
-
 constexpr std::size_t kDataBytes = 65536;  // a passthru block, served from the heap's bins
 
 // Cached data: a passthru block filled with the item's number; purging frees it.
@@ -75,13 +69,6 @@ struct DataItem : mem_CacheItem {
     data = 0;
     purged->push_back(number);
     return kDataBytes;
-  }
-  bool Intact() const {
-    if (data == 0) return true;
-    const unsigned char* bytes = static_cast<const unsigned char*>(pool->Ptr(data));
-    for (std::size_t i = 0; i < kDataBytes; i += 997)
-      if (bytes[i] != static_cast<unsigned char>(number)) return false;
-    return true;
   }
 };
 
@@ -118,27 +105,20 @@ void LimitPurge() {
   std::printf("extra block served: %d\n", extra != nullptr);
   PrintPurged("for the extra block", purged);
   bool intact = true;
-  for (mem_CachePoolID self : items) intact = intact && static_cast<DataItem*>(pool->Ptr(self))->Intact();
-  std::printf("remaining data intact: %d\n", intact);
   for (mem_CachePoolID self : items) {
+    const DataItem* item = static_cast<DataItem*>(pool->Ptr(self));
+    for (std::size_t i = 0; item->data != 0 && i < kDataBytes; i += 997)
+      intact = intact && static_cast<unsigned char*>(pool->Ptr(item->data))[i] == (item->number & 0xFF);
     mem_CacheItemPtr ptr(pool, self);
     manager.RemoveItem(ptr);
   }
+  std::printf("remaining data intact: %d\n", intact);
   void* refused = allocator.Malloc("probe", std::size_t{16} << 20);
   std::printf("nothing purgeable: null=%d status=%d\n", refused == nullptr, error_memory_limit());
   PrintPurged("for the refused block", purged);
   allocator.Free("probe", extra);
-  for (mem_CachePoolID self : items) {
-    DataItem* item = static_cast<DataItem*>(pool->Ptr(self));
-    if (item->data != 0) pool->Free(item->data);
-    pool->Free(self);
-  }
-  pool->Delete();
-  dlmallopt(-5, 0);
-  dlmallopt(-3, 262144);
+  pool->Delete();  // with the items and their data
 }
-
-// ------------------------------------------------------------ bad handle
 
 void BadHandle() {
   Up();

@@ -1,6 +1,5 @@
-// Fresh-process scenarios for the small-object allocator behind the front
-// door: what mem_TBAllocator routes where, and eight threads sharing the
-// allocator under its process-wide lock with blocks freed by other threads.
+// Fresh-process scenarios for the small-object allocator: what mem_TBAllocator routes
+// where, and eight threads under the process-wide lock freeing each other's blocks.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +8,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ZMXUTI_CoreUtils.h"
@@ -66,35 +66,37 @@ void FrontDoor() {
 
 // Each block carries its owner's pattern; a quarter of the blocks are handed to
 // other threads through a shared exchange and freed there.
+using Block = std::pair<unsigned char*, std::size_t>;
 struct Exchange {
   std::mutex lock;
-  std::vector<std::pair<unsigned char*, std::size_t>> blocks;
+  std::vector<Block> blocks;
 };
 
-bool PatternHolds(const unsigned char* p, std::size_t bytes) {
-  for (std::size_t i = 1; i < bytes; ++i)
-    if (p[i] != static_cast<unsigned char>(p[0] + i)) return false;
-  return true;
+void Release(const Block& b, int& damaged) {
+  std::size_t i = 1;
+  while (i < b.second && b.first[i] == static_cast<unsigned char>(b.first[0] + i)) ++i;
+  damaged += i < b.second;
+  mem_Free(b.first);
 }
 
 void Worker(int id, Exchange& exchange, int& damaged) {
   std::mt19937 rng(id);
-  std::vector<std::pair<unsigned char*, std::size_t>> mine;
+  std::vector<Block> mine;
   for (int step = 0; step < 150000; ++step) {
     const unsigned r = rng();
     if (mine.size() < 200 || r % 2 == 0) {
       const std::size_t bytes = 1 + rng() % 128;
       auto* p = static_cast<unsigned char*>(r % 3 == 0 ? g_new(bytes) : mem_Malloc(bytes));
       for (std::size_t i = 0; i < bytes; ++i) p[i] = static_cast<unsigned char>(step + i);
-      if (r % 4 == 1) {
-        std::lock_guard<std::mutex> hold(exchange.lock);
-        exchange.blocks.emplace_back(p, bytes);
-      } else {
+      if (r % 4 != 1) {
         mine.emplace_back(p, bytes);
+        continue;
       }
+      std::lock_guard<std::mutex> hold(exchange.lock);
+      exchange.blocks.emplace_back(p, bytes);
       continue;
     }
-    std::pair<unsigned char*, std::size_t> victim{nullptr, 0};
+    Block victim{nullptr, 0};
     if (r % 5 == 1) {
       std::lock_guard<std::mutex> hold(exchange.lock);
       if (!exchange.blocks.empty()) {
@@ -108,13 +110,9 @@ void Worker(int id, Exchange& exchange, int& damaged) {
       mine[k] = mine.back();
       mine.pop_back();
     }
-    if (!PatternHolds(victim.first, victim.second)) ++damaged;
-    mem_Free(victim.first);
+    Release(victim, damaged);
   }
-  for (auto& b : mine) {
-    if (!PatternHolds(b.first, b.second)) ++damaged;
-    mem_Free(b.first);
-  }
+  for (const Block& b : mine) Release(b, damaged);
 }
 
 void Threads() {
@@ -128,10 +126,7 @@ void Threads() {
   for (auto& t : threads) t.join();
   int total = 0;
   for (int d : damaged) total += d;
-  for (auto& b : exchange.blocks) {
-    if (!PatternHolds(b.first, b.second)) ++total;
-    mem_Free(b.first);
-  }
+  for (const Block& b : exchange.blocks) Release(b, total);
   std::printf("threads=8 damaged=%d intact=%d\n", total, Intact());
 }
 
