@@ -286,7 +286,9 @@ TEST_P(PoolModelTest, HandlesKeepTheirContentsThroughRandomUse) {
   }
   EXPECT_EQ(Captured(&mem_CachePool::DebugSummary, pool_).substr(0, 14), "Pool Summary: ");
   pool_->Delete();
-  EXPECT_EQ(refusing.live.size(), 0u);
+  if (allocator == &refusing) {
+    EXPECT_EQ(refusing.live.size(), 0u);  // everything it gave went back
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Allocators, PoolModelTest, ::testing::Values(0, 1, 2), [](const auto& param) {
