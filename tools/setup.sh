@@ -12,6 +12,8 @@ packages=(
   libmimalloc-dev libjemalloc-dev libgoogle-perftools-dev  # allocator peers
   heaptrack                                                 # tracking peer
   libroaring-dev libabsl-dev libjudy-dev                    # container peers
+  libcgal-dev                                               # octree peer (header-only AABB tree)
+  libdw1                                                    # crash-report symbolisation, loaded at run time
 )
 
 missing=()
