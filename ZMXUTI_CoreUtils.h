@@ -4,6 +4,9 @@
 
 #include "core/export.h"
 #include "core/startup.h"
+#include "core/clock.h"
+#include "core/fpe.h"
+#include "core/alerts.h"
 
 #include "mem/allocation.h"
 #include "mem/general_heap.h"

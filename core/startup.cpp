@@ -3,9 +3,10 @@
 
 #include <cstdlib>
 
+#include "core/alerts.h"
+#include "core/fpe.h"
 #include "core/internal/use_counter.h"
 
-using zmx::core_internal::NoWork;
 using zmx::core_internal::ShutDown;
 using zmx::core_internal::StartUp;
 
@@ -37,15 +38,20 @@ void UTI_CoreUtils_finalize(int& depth) {
 
 void omni_initialize(int& depth) {
   StartUp(g_omniUseCount, depth, [] {
-    // Floating-point trapping, the error mode and the crash filter join here
-    // as their services are built: enable FPE, then error mode, then the filter.
-    if (std::getenv("QVL_DEBUG_POPUP") != nullptr) g_debugPopupsWanted = true;
+    omn_enableFPE();
+    if (std::getenv("QVL_DEBUG_POPUP") != nullptr) {
+      g_debugPopupsWanted = true;
+      omi_setErrorMode();
+    }
+    // CRASH FILTER: installing the library's crash filter (keeping the one it
+    // replaces) is the third step and belongs here, after the error mode.
   });
 }
 
 void omni_finalize(int& depth) {
-  // The alert-listener singleton is finalised here once alerts exist.
-  ShutDown(g_omniUseCount, depth, NoWork);
+  // Traps and the crash filter stay as they are; a later start-up re-creates
+  // the listener on first use.
+  ShutDown(g_omniUseCount, depth, [] { omi_SingletonBase<omi_AlertListener>::Finalize(); });
 }
 
 void omni_formalize() {}

@@ -1,0 +1,119 @@
+// The alert listener's worker thread, its message loop and signal routing;
+// the singletons instantiated for the listener.
+#include "core/alerts.h"
+
+#include "mem/allocation.h"
+#include "platform/platform.h"
+#include "platform/threads.h"
+
+namespace platform = zmx::platform;
+
+template <class Result>
+omn_Callback<Result>::~omn_Callback() = default;
+template class omn_Callback<bool>;
+
+template class omi_SingletonBase<omi_AlertListener>;
+template class omi_Singleton<omi_AlertListener>;
+
+namespace {
+
+constexpr int kKinds = 6;
+// The POSIX signal number each kind carries, in kind order.
+constexpr int kSignalNumbers[kKinds] = {2, 15, 20, 18, 10, 12};
+
+constexpr std::uint32_t kAlertMessage = 0x8000;
+constexpr std::uintptr_t kEndCode = 6;
+constexpr std::uintptr_t kArmedCode = 7;
+
+bool IsKind(int kind) { return kind >= 0 && kind < kKinds; }
+
+// Posts until the message is queued or the queue is gone (the worker ended).
+void PostSurely(std::uint32_t threadId, std::uintptr_t code) {
+  while (platform::PostThreadMessage(threadId, kAlertMessage, code, 0) == platform::PostResult::QueueFull)
+    platform::YieldThread();
+}
+
+}  // namespace
+
+omi_AlertListener::omi_AlertListener() : m_handlers{}, m_threadId(0), m_handle(nullptr) {
+  for (auto& handler : m_handlers) handler.store(nullptr);
+}
+
+omi_AlertListener::~omi_AlertListener() { Disarm(); }
+
+void omi_AlertListener::SetHandler(omi_AlertEnm kind, Handler handler) {
+  if (!IsKind(kind)) return;
+  m_handlers[kind].store(handler);
+  if (m_threadId != 0) RouteSignals(handler != nullptr, kind);
+}
+
+// Routes the signals of the kinds that have a handler (or only of `onlyKind`)
+// to the worker, or gives them back to their earlier actions.
+void omi_AlertListener::RouteSignals(bool on, int onlyKind) const {
+  for (int kind = 0; kind < kKinds; ++kind) {
+    if (onlyKind >= 0 && kind != onlyKind) continue;
+    if (on && m_handlers[kind].load() != nullptr)
+      platform::ForwardSignal(kSignalNumbers[kind], m_threadId, kAlertMessage, static_cast<std::uintptr_t>(kind));
+    else if (!on)
+      platform::StopForwardingSignal(kSignalNumbers[kind], m_threadId);
+  }
+}
+
+void omi_AlertListener::Arm() {
+  if (m_threadId != 0) return;
+  platform::Event* started = platform::CreateAutoResetEvent();
+  if (started == nullptr) return;
+  m_handle = started;
+  platform::Thread* worker = platform::StartThread(WorkerMain, this, true, &m_threadId);
+  if (worker == nullptr) {
+    // Nothing was started: the listener stays disarmed, with no event left behind.
+    m_handle = nullptr;
+    platform::CloseEvent(started);
+    return;
+  }
+  platform::WaitEvent(started);
+  platform::CloseEvent(started);
+  m_handle = worker;
+  PostSurely(m_threadId, kArmedCode);
+}
+
+void omi_AlertListener::Disarm() {
+  if (m_threadId == 0) return;
+  PostSurely(m_threadId, kEndCode);
+  platform::JoinThread(static_cast<platform::Thread*>(m_handle));
+  m_handle = nullptr;
+  m_threadId = 0;
+}
+
+void omi_AlertListener::WorkerMain(void* self) {
+  auto* listener = static_cast<omi_AlertListener*>(self);
+  listener->RouteSignals(true, -1);
+  const bool queued = platform::CreateThreadQueue();
+  platform::SignalEvent(static_cast<platform::Event*>(listener->m_handle));
+  if (queued) listener->RunMessageLoop();
+  listener->RouteSignals(false, -1);
+  platform::DestroyThreadQueue();
+}
+
+void omi_AlertListener::RunMessageLoop() const {
+  platform::ThreadMessage message{};
+  while (platform::GetThreadMessage(&message) && message.message == kAlertMessage) {
+    const std::uintptr_t code = message.first;
+    mem_TBThreadLock(true);
+    if (code < static_cast<std::uintptr_t>(kKinds)) {
+      // A kind without a handler is dropped: there is nothing safe to call.
+      if (Handler handler = m_handlers[code].load()) handler(kSignalNumbers[code]);
+    } else if (code == kEndCode) {
+      mem_TBThreadLock(false);
+      return;
+    }
+    mem_TBThreadLock(false);
+  }
+}
+
+omi_AlertTrigger::omi_AlertTrigger(const omi_AlertListener& listener) : m_threadId(listener.ThreadId()) {}
+
+void omi_AlertTrigger::Alert(omi_AlertEnm kind) const {
+  if (m_threadId == 0 || !IsKind(kind)) return;
+  platform::PostThreadMessage(m_threadId, kAlertMessage, static_cast<std::uintptr_t>(kind), 0);
+}
