@@ -46,4 +46,8 @@ TEST(Startup, DebugPopupFlagFollowsThePresenceOfTheVariable) {
   EXPECT_EQ(RunScenario("debug_popup", {{"QVL_DEBUG_POPUP", ""}}), "before 0\nafter 1\nrestarted 1\n");
 }
 
+TEST(Startup, ShutDownDestroysTheAlertListenerAndAStartUpMakesAFreshOne) {
+  EXPECT_EQ(RunScenario("listener_finalized"), "before 0\narmed 1\nafter 0\nfresh armed 0\n");
+}
+
 }  // namespace

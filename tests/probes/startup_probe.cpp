@@ -93,12 +93,28 @@ void DebugPopup() {
   std::printf("restarted %d\n", omi_DebugPopupsWanted() ? 1 : 0);
 }
 
+// Shut-down destroys the alert listener (disarming it); the next start-up's
+// first use makes a fresh one.
+void ListenerFinalized() {
+  using Base = omi_SingletonBase<omi_AlertListener>;
+  std::printf("before %d\n", Base::Instance() != nullptr);
+  int depth = 0;
+  UTI_CoreUtils_initialize(depth);
+  omi_Singleton<omi_AlertListener>::Instance().Arm();
+  std::printf("armed %d\n", Base::Instance()->ThreadId() != 0);
+  UTI_CoreUtils_finalize(depth);
+  std::printf("after %d\n", Base::Instance() != nullptr);
+  UTI_CoreUtils_initialize(depth);
+  std::printf("fresh armed %d\n", omi_Singleton<omi_AlertListener>::Instance().ThreadId() != 0);
+}
+
 const zmx_probe::Scenario kScenarios[] = {
     {"twice_up_twice_down", TwiceUpTwiceDown},
     {"memory_first", MemoryFirst},
     {"finalize_before_initialize", FinalizeBeforeInitialize},
     {"each_component", EachComponent},
     {"debug_popup", DebugPopup},
+    {"listener_finalized", ListenerFinalized},
 };
 
 }  // namespace
