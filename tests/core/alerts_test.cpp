@@ -143,4 +143,16 @@ TEST(Singleton, CreatedOnFirstUseAndFreshAfterFinalize) {
   Base::Finalize();
 }
 
+TEST(Callback, DestroyedThroughItsBase) {
+  struct Flagging : omn_Callback<bool> {
+    explicit Flagging(bool* flag) : destroyed(flag) {}
+    ~Flagging() override { *destroyed = true; }
+    bool* destroyed;
+  };
+  bool destroyed = false;
+  omn_Callback<bool>* callback = new Flagging(&destroyed);
+  delete callback;
+  EXPECT_TRUE(destroyed);
+}
+
 }  // namespace
