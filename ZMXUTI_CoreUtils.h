@@ -4,6 +4,7 @@
 
 #include "core/export.h"
 #include "core/startup.h"
+#include "core/crash_report.h"
 
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
