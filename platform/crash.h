@@ -54,12 +54,13 @@ bool IsCodeAddress(const void* address);
 
 // ---- symbols ----
 // Finds the symbol library through `searchList` (a ";"-separated list of
-// installation folders, searched for External/<library>), then on the system;
-// messages about the search go to standard error. Without it, symbols come
-// from the modules' dynamic symbol tables and source lines are unknown.
-// Later calls return at once.
+// installation folders, searched for External/<library>), then on the system.
+// Without it, symbols come from the modules' dynamic symbol tables and source
+// lines are unknown. Later calls return at once.
 void LoadSymbolEngine(const char* searchList);
-// Brings the symbol engine's module list up to date; called once per report.
+// Called at the start of each report: prints on standard error, the first
+// time, what the search had to say (the library missing from the folders, or
+// a failure to load it), and brings the symbol engine's module list up to date.
 void RefreshSymbols();
 
 struct AddressInfo {

@@ -60,6 +60,10 @@ DwflCallbacks g_callbacks{};
 Dwfl* g_session = nullptr;  // null: symbols from the dynamic symbol tables
 
 char g_symbol[2048];
+// What the search had to say, held back until a report needs the symbols: a
+// healthy process says nothing.
+char g_searchMessage[4400];
+bool g_searchMessageShown = false;
 
 template <typename Fn>
 bool Resolve(void* library, const char* name, Fn& entry) {
@@ -89,7 +93,7 @@ void* SearchInstallation(const char* searchList, bool* failed) {
     std::snprintf(path, sizeof path, "%s/External/%s", element, kLibraryName);
     if (access(path, F_OK) != 0) continue;
     if (void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL)) return library;
-    std::fprintf(stderr, "Unexpected error %s\n", dlerror());
+    std::snprintf(g_searchMessage, sizeof g_searchMessage, "Unexpected error %s\n", dlerror());
     *failed = true;
     return nullptr;
   }
@@ -101,7 +105,8 @@ bool StartSession() {
   g_callbacks.findDebuginfo = g_dw.standardFindDebuginfo;
   g_session = g_dw.begin(&g_callbacks);
   if (g_session == nullptr) return false;
-  RefreshSymbols();
+  g_dw.linuxProcReport(g_session, getpid());
+  g_dw.reportEnd(g_session, nullptr, nullptr);
   return true;
 }
 
@@ -177,13 +182,17 @@ void LoadSymbolEngine(const char* searchList) {
   bool failed = false;
   void* library = SearchInstallation(searchList, &failed);
   if (library == nullptr) {
-    if (!failed) std::fputs("libdw.so.1 not found in ZEM_PATH", stderr);
+    if (!failed) std::snprintf(g_searchMessage, sizeof g_searchMessage, "%s not found in ZEM_PATH", kLibraryName);
     library = dlopen(kLibraryName, RTLD_NOW | RTLD_LOCAL);
   }
   if (library == nullptr || !ResolveEntries(library) || !StartSession()) g_session = nullptr;
 }
 
 void RefreshSymbols() {
+  if (!g_searchMessageShown) {
+    g_searchMessageShown = true;
+    std::fputs(g_searchMessage, stderr);
+  }
   if (g_session == nullptr) return;
   g_dw.reportBegin(g_session);
   g_dw.linuxProcReport(g_session, getpid());
