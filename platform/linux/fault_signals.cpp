@@ -74,6 +74,7 @@ void GiveAlternateStack() {
 }
 
 bool IsStackOverflow(const siginfo_t* info, const ucontext_t* context) {
+  if (info->si_code <= 0) return false;  // sent by a process: no fault address
   const auto fault = reinterpret_cast<std::uintptr_t>(info->si_addr);
   const auto sp = static_cast<std::uintptr_t>(context->uc_mcontext.gregs[REG_RSP]);
   if (fault + kNearStackPointer >= sp && fault <= sp + kNearStackPointer) return true;
@@ -121,9 +122,8 @@ unsigned ExceptionCode(int sig, const siginfo_t* info, const ucontext_t* context
 // ContinueSearch: the handler that was in place before ours, or the default action.
 void PassOn(int sig, siginfo_t* info, void* context) {
   const struct sigaction& previous = g_previousAction[sig];
-  if ((previous.sa_flags & SA_SIGINFO) != 0) {
-    if (previous.sa_sigaction != nullptr) return previous.sa_sigaction(sig, info, context);
-  } else if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
+  if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
+    if ((previous.sa_flags & SA_SIGINFO) != 0) return previous.sa_sigaction(sig, info, context);
     return previous.sa_handler(sig);
   }
   DieBySignal(sig);
