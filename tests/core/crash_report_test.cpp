@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -22,9 +23,20 @@ using zmx_test::ChildResult;
 using zmx_test::Describe;
 using zmx_test::EnvVars;
 
+// The folders made here go when the test program ends.
+struct Folders {
+  std::vector<std::string> made;
+  ~Folders() {
+    for (const auto& folder : made) std::filesystem::remove_all(folder);
+  }
+};
+Folders g_folders;
+
 std::string MakeFolder(const std::string& below = "") {
   std::string pattern = below.empty() ? "/tmp/zmx_crash_XXXXXX" : below + "/XXXXXX";
-  return mkdtemp(&pattern[0]) != nullptr ? pattern : "";
+  if (mkdtemp(&pattern[0]) == nullptr) return "";
+  if (below.empty()) g_folders.made.push_back(pattern);
+  return pattern;
 }
 
 std::string Slurp(const std::string& path) {
@@ -192,20 +204,25 @@ TEST(CrashReport, ASymbolReachingPastColumn718EndsTheLine) {
 
 TEST(CrashReport, SymbolLibraryIsSearchedThroughZemPath) {
   const std::string root = MakeFolder();
-  const std::string empty = MakeFolder(root), linked = MakeFolder(root), broken = MakeFolder(root);
-  for (const std::string& dir : {linked, broken}) mkdir((dir + "/External").c_str(), 0700);
+  const std::string empty = MakeFolder(root), linked = MakeFolder(root), broken = MakeFolder(root),
+                    other = MakeFolder(root);
+  for (const std::string& dir : {linked, broken, other}) mkdir((dir + "/External").c_str(), 0700);
   ASSERT_EQ(symlink("/usr/lib/x86_64-linux-gnu/libdw.so.1", (linked + "/External/libdw.so.1").c_str()), 0);
+  // A library without the entry points: symbols then come from the dynamic symbol tables.
+  ASSERT_EQ(symlink("/usr/lib/x86_64-linux-gnu/libelf.so.1", (other + "/External/libdw.so.1").c_str()), 0);
   std::ofstream(broken + "/External/libdw.so.1") << "not a library\n";
 
   struct Case {
     const char* what;
     std::string zemPath;  // empty: the run's own folder
     std::string stderrStart;
+    bool sourceLines;
   };
   const Case cases[] = {
-      {"second element holds it", empty + ";" + linked, ""},
-      {"none holds it: the system's", "", "libdw.so.1 not found in ZEM_PATH"},
-      {"a broken one ends the search", broken + ";" + linked, "Unexpected error " + broken},
+      {"second element holds it", empty + ";" + linked, "", true},
+      {"none holds it: the system's", "", "libdw.so.1 not found in ZEM_PATH", true},
+      {"a broken one ends the search", broken + ";" + linked, "Unexpected error " + broken, true},
+      {"one without the entry points", other, "", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -219,7 +236,17 @@ TEST(CrashReport, SymbolLibraryIsSearchedThroughZemPath) {
     if (c.zemPath.empty()) {
       EXPECT_EQ(crash.child.err, c.stderrStart);  // printed once, no line end
     }
-    EXPECT_NE(crash.report.firstLine.find("crash_probe.cpp, line "), std::string::npos) << crash.report.firstLine;
+    if (c.sourceLines) {
+      EXPECT_NE(crash.report.firstLine.find("crash_probe.cpp, line "), std::string::npos) << crash.report.firstLine;
+    } else {
+      // The probe's own functions are not exported; the C runtime's are.
+      EXPECT_TRUE(std::regex_match(crash.report.firstLine,
+                                   std::regex("crash_probe caused an EXCEPTION_ACCESS_VIOLATION in module "
+                                              "crash_probe at [0-9A-F]{16}")))
+          << crash.report.firstLine;
+      EXPECT_EQ(CountFramesWith(crash.report, "libc.so.6, __libc_start_main()+"), 1);
+      EXPECT_EQ(CountFramesWith(crash.report, ", line "), 0);
+    }
   }
 
   const Crash silent = RunCrash("null", {}, {}, false);
