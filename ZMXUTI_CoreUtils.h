@@ -7,6 +7,7 @@
 #include "core/clock.h"
 #include "core/fpe.h"
 #include "core/alerts.h"
+#include "core/crash_report.h"
 
 #include "mem/allocation.h"
 #include "mem/general_heap.h"

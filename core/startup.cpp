@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "core/alerts.h"
+#include "core/crash_report.h"
 #include "core/fpe.h"
 #include "core/internal/use_counter.h"
 
@@ -43,8 +44,7 @@ void omni_initialize(int& depth) {
       g_debugPopupsWanted = true;
       omi_setErrorMode();
     }
-    // CRASH FILTER: installing the library's crash filter (keeping the one it
-    // replaces) is the third step and belongs here, after the error mode.
+    omi_InstallCrashFilter();
   });
 }
 

@@ -34,6 +34,11 @@ void Record(int number) {
   g_inside.fetch_sub(1);
 }
 
+std::size_t CallCount() {
+  std::lock_guard<std::mutex> hold(g_callsLock);
+  return g_calls.size();
+}
+
 class Alerts : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -88,6 +93,8 @@ TEST_F(Alerts, KindsWithoutHandlerAndUnarmedTriggersCallNothing) {
   const omi_AlertTrigger trigger(listener);
   trigger.Alert(omi_AlertInterrupt);
   trigger.Alert(omi_AlertTerminate);
+  // The worker reads the handler when it takes the message: unset it only after that call.
+  for (int i = 0; i < 5000 && CallCount() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   listener.SetHandler(omi_AlertTerminate, nullptr);
   trigger.Alert(omi_AlertTerminate);
   listener.Disarm();
