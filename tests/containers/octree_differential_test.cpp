@@ -65,14 +65,11 @@ bool SegmentMeetsBox(const float* s, const float* d, double t0, double t1, const
   return true;
 }
 
-// With `edgesOpen`, faces on the root's faces reach to infinity: FindCell
-// sends points beyond the root to the leaves there.
-bool SegmentNearLeaf(const float* s, const float* d, double t1, const LeafInfo& leaf, double widen,
-                     bool edgesOpen) {
+bool SegmentNearLeaf(const float* s, const float* d, double t1, const LeafInfo& leaf, double widen) {
   double lo[3], hi[3];
   for (unsigned int a = 0; a < 3; ++a) {
-    lo[a] = edgesOpen && leaf.lo[a] == -kHalf ? -1e30 : leaf.lo[a] - widen;
-    hi[a] = edgesOpen && leaf.hi[a] == kHalf ? 1e30 : leaf.hi[a] + widen;
+    lo[a] = leaf.lo[a] - widen;
+    hi[a] = leaf.hi[a] + widen;
   }
   return SegmentMeetsBox(s, d, 0.0, t1, lo, hi);
 }
@@ -133,7 +130,7 @@ void CheckWalks(const omi_Octree& tree, const std::vector<LeafInfo>& leaves, flo
         ASSERT_EQ(leaf, tree.FindCell(s));
       }
       first = false;
-      ASSERT_TRUE(SegmentNearLeaf(s, d, 1.0 + step, *info, e + 1e-3, true))
+      ASSERT_TRUE(SegmentNearLeaf(s, d, 1.0 + step, *info, e + 1e-3))
           << "leaf " << leaf->Number() << " beyond the tolerance of segment " << n;
     }
     if (!started) {
@@ -142,7 +139,7 @@ void CheckWalks(const omi_Octree& tree, const std::vector<LeafInfo>& leaves, flo
     ++tally.segments;
     if (length == 0.0) continue;
     for (const LeafInfo& l : leaves) {
-      if (!SegmentNearLeaf(s, d, 1.0, l, -1e-3, false)) continue;  // touching a face is no crossing
+      if (!SegmentNearLeaf(s, d, 1.0, l, -1e-3)) continue;  // touching a face is no crossing
       ++tally.crossed;
       if (seen.count(l.leaf) == 0) {
         ++tally.missed;
