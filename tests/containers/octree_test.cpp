@@ -105,9 +105,26 @@ TEST(Octree, ToleranceAboveEveryHalfSizeGivesGrowableLeavesOf512AndDoubling) {
   }
 }
 
-// The depth counter runs on through a cascade of splits: each nested split
-// adds two, so 257 items on one point split down to level 6 only.
-TEST(Octree, ItemsOnOnePointSplitUntilTheSharedDepthCounterReachesEleven) {
+// Leaves split while the depth counter is below 11: one item at a time, a
+// leaf at level 11 grows; in a cascade of splits the counter runs on (each
+// nested split adds two), so 257 items on one point split down to level 6 only.
+TEST(Octree, LeavesSplitWhileTheSharedDepthCounterIsBelowEleven) {
+  std::unique_ptr<omi_Octree> chain(NewTree(1e-6f));
+  const float tiny = 1.0f / (1 << 20);
+  for (unsigned int i = 0; i < 256; ++i) chain->Insert(i, omi_OctVector(tiny, tiny, tiny), omi_OctVector(tiny, tiny, tiny));
+  for (int k = 0; k < 10; ++k) {  // each lands beside the full leaf of the tiny items, one level down
+    const float s = 48.0f / static_cast<float>(1 << k);
+    chain->Insert(1000 + k, omi_OctVector(s, s, s), omi_OctVector(s, s, s));
+  }
+  std::vector<LeafInfo> chainLeaves;
+  CollectLeaves(chain->Root(), 1, chainLeaves);
+  for (const LeafInfo& l : chainLeaves) {
+    if (l.leaf != LeafAt(*chain, tiny, tiny, tiny)) continue;
+    EXPECT_EQ(l.level, 11);
+    EXPECT_NE(dynamic_cast<const omi_OctreeLeafInf*>(l.leaf), nullptr);
+    EXPECT_EQ(l.leaf->Count(), 257u);
+  }
+
   Boxes boxes;
   std::unique_ptr<omi_Octree> tree(NewTree(1e-6f, &boxes));
   for (unsigned int i = 0; i < 300; ++i) {
@@ -180,19 +197,6 @@ TEST(Octree, WordBlocksServeReuseAndGrow) {
   omi_OctreeMemPtr first = omi_OctreeMemPtr();
   EXPECT_TRUE(first.IsNull());
   first.Release();  // a null pointer releases nothing
-  // A freed block with room serves from its base and becomes current.
-  std::unique_ptr<omi_Octree> tree2(NewTree(1.0f));
-  omi_OctreeMemPtr x = tree2->MemAlloc(600);
-  const omi_OctreeMemPtr y = tree2->MemAlloc(600);
-  EXPECT_NE(y.Block(), x.Block());
-  const omi_OctreeMemory* blockX = x.Block();
-  unsigned int* const wordsX = x.Words();
-  x.Release();
-  const omi_OctreeMemPtr z = tree2->MemAlloc(500);
-  EXPECT_EQ(z.Block(), blockX);
-  EXPECT_EQ(z.Words(), wordsX);
-  EXPECT_EQ(tree2->CurrentBlock(), blockX);
-  EXPECT_EQ(tree2->FreedBlocks(), nullptr);
 }
 
 TEST(Octree, DumpPrintsTotalsAndBlocksByteForByte) {
