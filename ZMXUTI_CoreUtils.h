@@ -28,6 +28,9 @@
 #include "containers/uint_table.h"
 #include "containers/int_table.h"
 #include "containers/int_multimap.h"
+#include "containers/octree.h"
+#include "containers/octree_line_trav.h"
+#include "containers/swapper.h"
 
 #include "strings/string_rep.h"
 #include "strings/string_base.h"
