@@ -155,7 +155,7 @@ Report Chart(const Reports& r, const std::vector<std::string>& names, const char
   Report chart(std::string("Octree against ") + baseline + " per measure", true);
   chart.SetLogScaleChart(true);
   const std::pair<const char*, const Report*> measures[] = {
-      {"build", &r.build}, {"heap", &r.memory}, {"points", &r.points}, {"segments", &r.segments}};
+      {"points", &r.points}, {"segments", &r.segments}, {"build", &r.build}, {"heap", &r.memory}};
   for (const auto& measure : measures) {
     for (const std::string& n : names) {
       for (const char* who : {kOctree, kOctreeExact, baseline}) {
@@ -192,7 +192,15 @@ void NoteMethod(Reports& r, bool traps) {
           "items of the leaves omi_OctreeLineTrav returns, deduplicated per segment. omi_Octree+exact filters "
           "those candidates with an exact box test, giving the answer CGAL and the brute force give (boxes "
           "containing the point / met by the segment, closed boxes).");
-  Note(r, "Times are one pass each, single thread; brute force runs on a sample of the queries.");
+  Note(r, "Times are the fastest of three runs of each build and query pass (one pass for the brute force, "
+          "which runs on a sample of the queries), single thread.");
+  // Other work on the machine shows in every time measured.
+  double load = 0;
+  if (std::FILE* f = std::fopen("/proc/loadavg", "r")) {
+    if (std::fscanf(f, "%lf", &load) != 1) load = 0;
+    std::fclose(f);
+  }
+  Note(r, Format("Load average of the machine when the run began: %.2f.", load));
   Note(r, traps ? "Floating-point traps (invalid, divide-by-zero, overflow) were on for the whole run, CGAL included."
                 : "Floating-point traps were off (run with --traps to switch them on).");
 }
