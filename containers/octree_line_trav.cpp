@@ -3,6 +3,7 @@
 // across the gaps between leaves.
 #include "containers/octree_line_trav.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 
@@ -43,7 +44,8 @@ omi_OctreeLineTrav::omi_OctreeLineTrav()
       boxMax_(),
       t_(0.0f),
       step_(0.0f),
-      tolerance_(0.0f) {}
+      tolerance_(0.0f),
+      leavesBox_(0.0f) {}
 
 omi_OctreeLineTrav::~omi_OctreeLineTrav() {}
 
@@ -72,12 +74,14 @@ bool omi_OctreeLineTrav::Init(const omi_Octree* tree, float* const start, float*
 
   BoxOf(tree->Root(), boxMin_, boxMax_);
   bool inside = true;
+  double lo[3], hi[3];
   for (unsigned int a = 0; a < 3; ++a) {
-    const double lo = static_cast<double>(boxMin_[a]) - tolerance_;
-    const double hi = static_cast<double>(boxMax_[a]) + tolerance_;
-    if ((start_[a] < lo && end_[a] < lo) || (start_[a] > hi && end_[a] > hi)) return false;
-    if (start_[a] < lo || start_[a] > hi) inside = false;
+    lo[a] = static_cast<double>(boxMin_[a]) - tolerance_;
+    hi[a] = static_cast<double>(boxMax_[a]) + tolerance_;
+    if ((start_[a] < lo[a] && end_[a] < lo[a]) || (start_[a] > hi[a] && end_[a] > hi[a])) return false;
+    if (start_[a] < lo[a] || start_[a] > hi[a]) inside = false;
   }
+  FindBoxExit(lo, hi);
   if (inside) return GatherAt(start_) > 0;
 
   float entry = 2.0f;
@@ -109,6 +113,7 @@ const omi_OctreeLeaf* omi_OctreeLineTrav::NextCell() {
     // A step too small to move t in float precision moves it by one unit in
     // the last place instead, so that the walk always ends.
     t_ = advanced > t_ ? advanced : std::nextafter(t_, 2.0f);
+    if (t_ > leavesBox_) return nullptr;
     float p[3];
     for (unsigned int a = 0; a < 3; ++a) p[a] = ToFloat(start_[a] + static_cast<double>(direction_[a]) * t_);
     if (GatherAt(p) > 0) break;
@@ -116,6 +121,17 @@ const omi_OctreeLeaf* omi_OctreeLineTrav::NextCell() {
   }
   next_ = 1;
   return gathered_[0];
+}
+
+void omi_OctreeLineTrav::FindBoxExit(const double* lo, const double* hi) {
+  double exit = 2.0;  // past any step beyond the end point
+  for (unsigned int a = 0; a < 3; ++a) {
+    if (direction_[a] == 0.0f) continue;
+    const double toLo = (lo[a] - start_[a]) / direction_[a];
+    const double toHi = (hi[a] - start_[a]) / direction_[a];
+    exit = std::min(exit, std::max(toLo, toHi));
+  }
+  leavesBox_ = ToFloat(exit);
 }
 
 float omi_OctreeLineTrav::FindMaxCellIntersect(const omi_OctreeLeaf* leaf) {

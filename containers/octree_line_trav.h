@@ -14,7 +14,10 @@
 // eight probes at +/- tolerance per axis). The last gathering may lie up to one
 // step beyond the end point; its leaves are still returned. A position where
 // only probe leaves are new and the segment enters none of them ends the walk,
-// so a leaf the segment crosses may go unreported.
+// so a leaf the segment crosses may go unreported. The walk also ends where
+// the segment leaves the tree's box widened by the tolerance for good: beyond
+// it no leaf lies within the tolerance, and stepping on to a far end point
+// would take without bound.
 //
 // The tree must not change between Init and the null result of NextCell.
 #ifndef ZMXUTI_CONTAINERS_OCTREE_LINE_TRAV_H
@@ -47,6 +50,8 @@ class ZMXUTI_API omi_OctreeLineTrav : public mem_AllocationOperators {
   float FindMaxCellIntersect(const omi_OctreeLeaf* leaf);
   // Parameter of the hit of face `face` on `axis` of the box [min, max]; false when missed.
   bool FaceHit(unsigned int axis, float face, const float* min, const float* max, float& t) const;
+  // Sets leavesBox_ from the widened tree box [lo, hi].
+  void FindBoxExit(const double* lo, const double* hi);
   // Whether the segment is tried against the faces of this axis.
   bool AxisUsable(unsigned int axis) const;
   // Gathers the unvisited leaves at p and its eight probes; returns how many.
@@ -66,6 +71,7 @@ class ZMXUTI_API omi_OctreeLineTrav : public mem_AllocationOperators {
   float step_;
   float tolerance_;
   omi_BlkBitVect visited_;
+  float leavesBox_;  // parameter from which the segment stays outside the widened tree box
 };
 
 #endif  // ZMXUTI_CONTAINERS_OCTREE_LINE_TRAV_H

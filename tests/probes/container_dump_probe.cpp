@@ -49,6 +49,36 @@ void DirectoryBeyondThirtyTwoBits() {
   std::printf("not reached\n");
 }
 
+// Root branch with its eight leaves: one item in the lower corner, one in the
+// upper corner, one across the centre in all eight.
+void OctreeDumps() {
+  omi_Octree tree(omi_OctVector(0, 0, 0), omi_OctVector(64, 64, 64), 1.0f, nullptr, nullptr);
+  tree.Insert(0, omi_OctVector(-10, -10, -10), omi_OctVector(-5, -5, -5));
+  tree.Insert(1, omi_OctVector(5, 5, 5), omi_OctVector(10, 10, 10));
+  tree.Insert(2, omi_OctVector(-1, -1, -1), omi_OctVector(1, 1, 1));
+  std::printf("items %u\n", tree.Dump());
+  const float upper[3] = {5, 5, 5};
+  tree.FindCell(upper)->Dump();  // a leaf on its own prints its own line
+  tree.Root()->Dump();           // counts leaves without printing; the tree's dump adds them
+  tree.Dump();
+  omi_OctreeMemPtr words = tree.MemAlloc(2000);
+  words.Release();  // the emptied 4,000-word block waits on the freed list
+  tree.Dump();
+}
+
+void OctreeItemBeyondCount() {
+  omi_Octree tree(omi_OctVector(0, 0, 0), omi_OctVector(1, 1, 1), 0.1f, nullptr, nullptr);
+  tree.Insert(9, omi_OctVector(0, 0, 0), omi_OctVector(0, 0, 0));
+  const float origin[3] = {0, 0, 0};
+  std::printf("%u\n", tree.FindCell(origin)->ItemAt(1));
+}
+
+void OctreeRequestTooLarge() {
+  omi_Octree tree(omi_OctVector(0, 0, 0), omi_OctVector(1, 1, 1), 0.1f, nullptr, nullptr);
+  tree.MemAlloc(0x80000000u);
+  std::printf("not reached\n");
+}
+
 }  // namespace
 
 const zmx_probe::Scenario kScenarios[] = {
@@ -58,6 +88,9 @@ const zmx_probe::Scenario kScenarios[] = {
     {"list_of_high_bits", ListOfHighBits},
     {"blocked_array_pages", BlockedArrayPages},
     {"directory_beyond_32_bits", DirectoryBeyondThirtyTwoBits},
+    {"octree_dumps", OctreeDumps},
+    {"octree_item_beyond_count", OctreeItemBeyondCount},
+    {"octree_request_too_large", OctreeRequestTooLarge},
 };
 
 int main(int argc, char** argv) {
