@@ -2,6 +2,8 @@
 // with splitting and growth of leaves, point location and the statistics dump.
 #include "containers/octree.h"
 
+#include <cmath>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,10 +51,10 @@ omi_OctreeBranch::omi_OctreeBranch(const omi_OctVector& centre, const omi_OctVec
     float& h = Component(childHalf, axis);
     h = static_cast<float>(static_cast<double>(Component(halfSize, axis)) * 0.5);
     // The child keeps the halved size even when the split is given up again.
-    if (tree->tolerance_ > h) split_[axis] = false;
+    if (std::isgreater(tree->tolerance_, h)) split_[axis] = false;
   }
   const unsigned int axis = tree->chosenAxis_;
-  if (axis < 3 && Component(tree->smallestHalfSize_, axis) > Component(childHalf, axis)) {
+  if (axis < 3 && std::isgreater(Component(tree->smallestHalfSize_, axis), Component(childHalf, axis))) {
     tree->smallestHalfSize_ = childHalf;
   }
 
@@ -84,9 +86,11 @@ omi_OctreeBranch::~omi_OctreeBranch() {
 const omi_OctreeLeaf* omi_OctreeBranch::FindCell(const float* const point) const {
   unsigned int index = 0;
   for (unsigned int axis = 0; axis < 3; ++axis) {
-    if (split_[axis] && point[axis] > Component(centre_, axis)) index |= 1u << axis;
+    if (split_[axis] && std::isgreater(point[axis], Component(centre_, axis))) index |= 1u << axis;
   }
   // Every index built from split axes has a child (and a NaN coordinate gives the lower half).
+  // Comparisons of client coordinates are the quiet ones throughout: under the
+  // invalid-operation trap an ordered comparison with a NaN would end the process.
   return children_[index]->FindCell(point);
 }
 
@@ -97,8 +101,8 @@ omi_OctreeCell* omi_OctreeBranch::InsertBox(unsigned int item, const omi_OctVect
   unsigned int high[3];
   for (unsigned int axis = 0; axis < 3; ++axis) {
     const float c = Component(centre_, axis);
-    low[axis] = split_[axis] && Component(min, axis) > c ? 1u : 0u;
-    high[axis] = split_[axis] && (Component(min, axis) > c || Component(max, axis) > c) ? 1u : 0u;
+    low[axis] = split_[axis] && std::isgreater(Component(min, axis), c) ? 1u : 0u;
+    high[axis] = split_[axis] && (std::isgreater(Component(min, axis), c) || std::isgreater(Component(max, axis), c)) ? 1u : 0u;
   }
   for (unsigned int zb = low[2]; zb <= high[2]; ++zb) {
     for (unsigned int yb = low[1]; yb <= high[1]; ++yb) {
@@ -187,7 +191,7 @@ omi_OctreeCell* omi_OctreeLeafFix::InsertBox(unsigned int item, const omi_OctVec
   // Without a splittable axis a branch would only pass everything to its child 0.
   const unsigned int axis = tree->chosenAxis_;
   const bool roomToSplit =
-      axis < 3 && !(static_cast<double>(tree->tolerance_) > 0.5 * static_cast<double>(Component(halfSize_, axis)));
+      axis < 3 && !std::isgreater(static_cast<double>(tree->tolerance_), 0.5 * static_cast<double>(Component(halfSize_, axis)));
   omi_OctreeCell* replacement =
       gInsertDepth < kSplitDepthLimit && roomToSplit ? SplitInto(item, min, max, tree) : Grow(item, tree);
   --gInsertDepth;
@@ -260,14 +264,15 @@ omi_Octree::omi_Octree(const omi_OctVector& centre, const omi_OctVector& halfSiz
       userData_(userData),
       callback_(callback) {
   omi_OctVector half = halfSize;
-  if (tolerance > half.x && tolerance > half.y && tolerance > half.z) half = omi_OctVector(tolerance, tolerance, tolerance);
-  for (unsigned int axis = 0; axis < 3; ++axis) splittable_[axis] = Component(half, axis) >= tolerance;
+  if (std::isgreater(tolerance, half.x) && std::isgreater(tolerance, half.y) && std::isgreater(tolerance, half.z))
+    half = omi_OctVector(tolerance, tolerance, tolerance);
+  for (unsigned int axis = 0; axis < 3; ++axis) splittable_[axis] = std::isgreaterequal(Component(half, axis), tolerance);
   for (unsigned int axis = 0; axis < 3 && chosenAxis_ == 3; ++axis) {
     if (splittable_[axis]) chosenAxis_ = axis;
   }
   // Ties keep the earlier axis.
   for (unsigned int axis = 1; axis < 3 && chosenAxis_ < 3; ++axis) {
-    if (splittable_[axis] && Component(half, chosenAxis_) > Component(half, axis)) chosenAxis_ = axis;
+    if (splittable_[axis] && std::isgreater(Component(half, chosenAxis_), Component(half, axis))) chosenAxis_ = axis;
   }
   smallestHalfSize_ = half;
   root_ = new omi_OctreeBranch(centre, half, this);

@@ -73,6 +73,7 @@ bool omi_OctreeLineTrav::Init(const omi_Octree* tree, float* const start, float*
   step_ = length > 0.0 && 2.0 * tolerance_ <= length ? static_cast<float>(2.0 * tolerance_ / length) : 1.0f;
 
   BoxOf(tree->Root(), boxMin_, boxMax_);
+  if (!AllFinite(boxMin_) || !AllFinite(boxMax_)) return false;  // a tree over a box no float can hold
   bool inside = true;
   double lo[3], hi[3];
   for (unsigned int a = 0; a < 3; ++a) {
