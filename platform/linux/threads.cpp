@@ -82,8 +82,10 @@ Thread* StartThread(ThreadMain main, void* argument, bool highestPriority, std::
   const std::uint32_t newId = NewThreadId();
   auto* block = new (blockMemory) StartBlock{main, argument, newId, highestPriority};
   auto* thread = new (threadMemory) Thread{};
+  const std::uint32_t previousId = *id;
   *id = newId;  // published before the thread runs, as the contract says
   if (pthread_create(&thread->handle, nullptr, ThreadStart, block) != 0) {
+    *id = previousId;
     std::free(blockMemory);
     std::free(threadMemory);
     return nullptr;

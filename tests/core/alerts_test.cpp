@@ -129,6 +129,12 @@ TEST_F(Alerts, ASignalOfAKindWithoutHandlerKeepsItsOwnAction) {
   EXPECT_EQ(result.signal, SIGUSR1) << zmx_test::Describe(result);
 }
 
+TEST_F(Alerts, ARefusedWorkerLeavesTheListenerDisarmed) {
+  const auto result = zmx_test::RunProbe("services_probe", "arm_refused");
+  ASSERT_TRUE(zmx_test::ExitedCleanly(result)) << zmx_test::Describe(result);
+  EXPECT_EQ(result.out, "thread 0\ndisarmed\n");
+}
+
 TEST(Singleton, CreatedOnFirstUseAndFreshAfterFinalize) {
   using Base = omi_SingletonBase<omi_AlertListener>;
   Base::Finalize();

@@ -1,7 +1,7 @@
 // Fresh-process scenarios for the process services: the session counter's
 // overflow lines, floating-point traps that end the process, the freeze
-// count's repair message, the once-per-process error mode, and signals
-// reaching alert handlers.
+// count's repair message, the once-per-process error mode, signals
+// reaching alert handlers, and a worker the system refuses.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +12,7 @@
 #include <thread>
 
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "ZMXUTI_CoreUtils.h"
@@ -122,12 +123,32 @@ void AlertSignals() {
   }
 }
 
+// With the address space capped just above what is in use, no thread stack
+// fits: arming is refused and the listener stays disarmed.
+void ArmRefused() {
+  zmx_probe::BringUp(UTI_CoreUtils_initialize);
+  omi_AlertListener listener;
+  long pages = 0;
+  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(statm, "%ld", &pages) != 1) pages = 0;
+    std::fclose(statm);
+  }
+  const rlim_t cap = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (256 << 10);
+  const rlimit limit{cap, cap};
+  if (pages == 0 || setrlimit(RLIMIT_AS, &limit) != 0) std::printf("no cap\n");
+  listener.Arm();
+  std::printf("thread %u\n", listener.ThreadId());
+  listener.Disarm();
+  std::printf("disarmed\n");
+}
+
 const zmx_probe::Scenario kScenarios[] = {
     {"session_counter_overflow", SessionCounterOverflow},
     {"fpe_trap", FpeTrap},
     {"freeze_release", FreezeRelease},
     {"error_mode", ErrorMode},
     {"alert_signals", AlertSignals},
+    {"arm_refused", ArmRefused},
 };
 
 }  // namespace
