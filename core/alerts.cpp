@@ -25,6 +25,10 @@ constexpr std::uint32_t kAlertMessage = 0x8000;
 constexpr std::uintptr_t kEndCode = 6;
 constexpr std::uintptr_t kArmedCode = 7;
 
+// Set on a worker whose listener was disarmed by one of its handlers: the
+// listener may be gone, so the worker leaves without reading it again.
+thread_local bool t_workerLetGo = false;
+
 bool IsKind(int kind) { return kind >= 0 && kind < kKinds; }
 
 // Posts until the message is queued or the queue is gone (the worker ended).
@@ -59,6 +63,10 @@ void omi_AlertListener::RouteSignals(bool on, int onlyKind) const {
   }
 }
 
+void omi_AlertListener::StopRouting(std::uint32_t threadId) {
+  for (int signalNumber : kSignalNumbers) platform::StopForwardingSignal(signalNumber, threadId);
+}
+
 void omi_AlertListener::Arm() {
   if (m_threadId != 0) return;
   platform::Event* started = platform::CreateAutoResetEvent();
@@ -79,8 +87,15 @@ void omi_AlertListener::Arm() {
 
 void omi_AlertListener::Disarm() {
   if (m_threadId == 0) return;
-  PostSurely(m_threadId, kEndCode);
-  platform::JoinThread(static_cast<platform::Thread*>(m_handle));
+  auto* worker = static_cast<platform::Thread*>(m_handle);
+  if (platform::CurrentThreadId() == m_threadId) {
+    // A handler of ours: waiting for the worker would wait for itself.
+    t_workerLetGo = true;
+    platform::DetachThread(worker);
+  } else {
+    PostSurely(m_threadId, kEndCode);
+    platform::JoinThread(worker);
+  }
   m_handle = nullptr;
   m_threadId = 0;
 }
@@ -91,7 +106,7 @@ void omi_AlertListener::WorkerMain(void* self) {
   const bool queued = platform::CreateThreadQueue();
   platform::SignalEvent(static_cast<platform::Event*>(listener->m_handle));
   if (queued) listener->RunMessageLoop();
-  listener->RouteSignals(false, -1);
+  StopRouting(platform::CurrentThreadId());
   platform::DestroyThreadQueue();
 }
 
@@ -103,6 +118,10 @@ void omi_AlertListener::RunMessageLoop() const {
     if (code < static_cast<std::uintptr_t>(kKinds)) {
       // A kind without a handler is dropped: there is nothing safe to call.
       if (Handler handler = m_handlers[code].load()) handler(kSignalNumbers[code]);
+      if (t_workerLetGo) {
+        mem_TBThreadLock(false);
+        return;
+      }
     } else if (code == kEndCode) {
       mem_TBThreadLock(false);
       return;

@@ -23,6 +23,9 @@ using ThreadMain = void (*)(void* argument);
 Thread* StartThread(ThreadMain main, void* argument, bool highestPriority, std::uint32_t* id);
 // Waits without time-out for the thread to end, then releases its handle.
 void JoinThread(Thread* thread);
+// Lets the thread end on its own, never joined, and releases its handle; a
+// thread may detach itself.
+void DetachThread(Thread* thread);
 // Lets other threads run for a moment.
 void YieldThread();
 

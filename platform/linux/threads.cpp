@@ -98,6 +98,11 @@ void JoinThread(Thread* thread) {
   std::free(thread);
 }
 
+void DetachThread(Thread* thread) {
+  pthread_detach(thread->handle);
+  std::free(thread);
+}
+
 void YieldThread() { sched_yield(); }
 
 // ---- thread message queues ----

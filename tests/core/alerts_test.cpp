@@ -129,6 +129,12 @@ TEST_F(Alerts, ASignalOfAKindWithoutHandlerKeepsItsOwnAction) {
   EXPECT_EQ(result.signal, SIGUSR1) << zmx_test::Describe(result);
 }
 
+TEST_F(Alerts, AHandlerMayDisarmOrDestroyItsOwnListener) {
+  const auto result = zmx_test::RunProbe("services_probe", "handler_lets_go");
+  ASSERT_TRUE(zmx_test::ExitedCleanly(result)) << zmx_test::Describe(result);
+  EXPECT_EQ(result.out, "disarmed 1 restored 1\ndestroyed 2 restored 1\n");
+}
+
 TEST_F(Alerts, ARefusedWorkerLeavesTheListenerDisarmed) {
   const auto result = zmx_test::RunProbe("services_probe", "arm_refused");
   ASSERT_TRUE(zmx_test::ExitedCleanly(result)) << zmx_test::Describe(result);
