@@ -88,10 +88,13 @@ TEST_F(Alerts, KindsWithoutHandlerAndUnarmedTriggersCallNothing) {
   const omi_AlertTrigger trigger(listener);
   trigger.Alert(omi_AlertInterrupt);
   trigger.Alert(omi_AlertTerminate);
-  listener.SetHandler(omi_AlertTerminate, nullptr);
-  trigger.Alert(omi_AlertTerminate);
-  listener.Disarm();
+  listener.Disarm();                  // handles what was queued first
   trigger.Alert(omi_AlertTerminate);  // the worker is gone
+  // The handler is read when the alert is handled, so it is unset only between workers.
+  listener.SetHandler(omi_AlertTerminate, nullptr);
+  listener.Arm();
+  omi_AlertTrigger(listener).Alert(omi_AlertTerminate);
+  listener.Disarm();
   ASSERT_EQ(g_calls.size(), 1u);
   EXPECT_EQ(g_calls[0].number, 15);
 }
