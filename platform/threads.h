@@ -57,6 +57,7 @@ bool ForwardSignal(int signalNumber, std::uint32_t threadId, std::uint32_t messa
 // If `signalNumber` is forwarded to `threadId`, puts back the action it had
 // before forwarding began.
 void StopForwardingSignal(int signalNumber, std::uint32_t threadId);
+// Both may be called from several threads at once, never from a signal handler.
 
 }  // namespace platform
 }  // namespace zmx

@@ -220,6 +220,17 @@ struct Forwarding {
 };
 Forwarding g_forwarding[kMaxSignal];
 
+// Serialises installing and giving back, so that a worker ending while the
+// next one starts cannot save the forwarding action as the earlier one, nor
+// put an action back after the other installed. Signal handlers never take it.
+pthread_mutex_t g_forwardingLock = PTHREAD_MUTEX_INITIALIZER;
+struct ForwardingHold {
+  ForwardingHold() { pthread_mutex_lock(&g_forwardingLock); }
+  ~ForwardingHold() { pthread_mutex_unlock(&g_forwardingLock); }
+  ForwardingHold(const ForwardingHold&) = delete;
+  ForwardingHold& operator=(const ForwardingHold&) = delete;
+};
+
 void ForwardingHandler(int signalNumber) {
   const int savedErrno = errno;
   if (signalNumber > 0 && signalNumber < kMaxSignal) {
@@ -234,6 +245,7 @@ void ForwardingHandler(int signalNumber) {
 bool ForwardSignal(int signalNumber, std::uint32_t threadId, std::uint32_t message, std::uintptr_t code) {
   if (signalNumber <= 0 || signalNumber >= kMaxSignal || threadId == 0) return false;
   Forwarding& f = g_forwarding[signalNumber];
+  const ForwardingHold hold;
   f.message.store(message);
   f.code.store(code);
   if (f.threadId.exchange(threadId) != 0) return true;  // already installed: retargeted
@@ -251,6 +263,7 @@ bool ForwardSignal(int signalNumber, std::uint32_t threadId, std::uint32_t messa
 void StopForwardingSignal(int signalNumber, std::uint32_t threadId) {
   if (signalNumber <= 0 || signalNumber >= kMaxSignal || threadId == 0) return;
   Forwarding& f = g_forwarding[signalNumber];
+  const ForwardingHold hold;
   std::uint32_t expected = threadId;
   if (!f.threadId.compare_exchange_strong(expected, 0)) return;
   sigaction(signalNumber, &f.previous, nullptr);
