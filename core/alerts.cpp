@@ -32,9 +32,11 @@ thread_local bool t_workerLetGo = false;
 bool IsKind(int kind) { return kind >= 0 && kind < kKinds; }
 
 // Posts until the message is queued or the queue is gone (the worker ended).
-void PostSurely(std::uint32_t threadId, std::uintptr_t code) {
-  while (platform::PostThreadMessage(threadId, kAlertMessage, code, 0) == platform::PostResult::QueueFull)
+platform::PostResult PostSurely(std::uint32_t threadId, std::uintptr_t code) {
+  platform::PostResult result;
+  while ((result = platform::PostThreadMessage(threadId, kAlertMessage, code, 0)) == platform::PostResult::QueueFull)
     platform::YieldThread();
+  return result;
 }
 
 }  // namespace
@@ -82,7 +84,12 @@ void omi_AlertListener::Arm() {
   platform::WaitEvent(started);
   platform::CloseEvent(started);
   m_handle = worker;
-  PostSurely(m_threadId, kArmedCode);
+  if (PostSurely(m_threadId, kArmedCode) == platform::PostResult::NoQueue) {
+    // The worker found no queue to take (all in use) and ended: nothing is armed.
+    platform::JoinThread(worker);
+    m_handle = nullptr;
+    m_threadId = 0;
+  }
 }
 
 void omi_AlertListener::Disarm() {
@@ -102,8 +109,9 @@ void omi_AlertListener::Disarm() {
 
 void omi_AlertListener::WorkerMain(void* self) {
   auto* listener = static_cast<omi_AlertListener*>(self);
-  listener->RouteSignals(true, -1);
+  // Signals are routed only once there is a queue to receive them.
   const bool queued = platform::CreateThreadQueue();
+  if (queued) listener->RouteSignals(true, -1);
   platform::SignalEvent(static_cast<platform::Event*>(listener->m_handle));
   if (queued) listener->RunMessageLoop();
   StopRouting(platform::CurrentThreadId());

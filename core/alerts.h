@@ -53,6 +53,7 @@ class ZMXUTI_API omi_AlertListener {
   // signal is routed to the worker from now on (or given back when unset).
   void SetHandler(omi_AlertEnm kind, Handler handler);
   // Starts the worker unless armed; returns once the worker takes messages.
+  // When the system refuses the thread or its queue, stays disarmed.
   void Arm();
   // Stops the worker if armed and waits for it to end. Called by one of this
   // listener's own handlers (on the worker), it cannot wait: the listener

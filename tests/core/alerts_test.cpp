@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -142,6 +143,22 @@ TEST_F(Alerts, ARefusedWorkerLeavesTheListenerDisarmed) {
   const auto result = zmx_test::RunProbe("services_probe", "arm_refused");
   ASSERT_TRUE(zmx_test::ExitedCleanly(result)) << zmx_test::Describe(result);
   EXPECT_EQ(result.out, "thread 0\ndisarmed\n");
+}
+
+TEST_F(Alerts, ArmingIsRefusedWhileEveryQueueIsTakenAndAllowedOnceOneIsFree) {
+  std::vector<std::unique_ptr<omi_AlertListener>> armed;
+  do {
+    armed.push_back(std::make_unique<omi_AlertListener>());
+    armed.back()->Arm();
+  } while (armed.back()->ThreadId() != 0 && armed.size() < 256);
+  ASSERT_EQ(armed.back()->ThreadId(), 0u) << armed.size() << " workers all got a queue";
+  armed.front()->Disarm();
+  armed.back()->SetHandler(omi_AlertUser1, Record);
+  armed.back()->Arm();
+  omi_AlertTrigger(*armed.back()).Alert(omi_AlertUser1);
+  armed.clear();
+  ASSERT_EQ(g_calls.size(), 1u);
+  EXPECT_EQ(g_calls[0].number, 10);
 }
 
 TEST(Singleton, CreatedOnFirstUseAndFreshAfterFinalize) {
