@@ -25,12 +25,18 @@ constexpr std::uint32_t kAlertMessage = 0x8000;
 constexpr std::uintptr_t kEndCode = 6;
 constexpr std::uintptr_t kArmedCode = 7;
 
+// Set on a worker whose listener was disarmed by one of its handlers: the
+// listener may be gone, so the worker leaves without reading it again.
+thread_local bool t_workerLetGo = false;
+
 bool IsKind(int kind) { return kind >= 0 && kind < kKinds; }
 
 // Posts until the message is queued or the queue is gone (the worker ended).
-void PostSurely(std::uint32_t threadId, std::uintptr_t code) {
-  while (platform::PostThreadMessage(threadId, kAlertMessage, code, 0) == platform::PostResult::QueueFull)
+platform::PostResult PostSurely(std::uint32_t threadId, std::uintptr_t code) {
+  platform::PostResult result;
+  while ((result = platform::PostThreadMessage(threadId, kAlertMessage, code, 0)) == platform::PostResult::QueueFull)
     platform::YieldThread();
+  return result;
 }
 
 }  // namespace
@@ -59,6 +65,10 @@ void omi_AlertListener::RouteSignals(bool on, int onlyKind) const {
   }
 }
 
+void omi_AlertListener::StopRouting(std::uint32_t threadId) {
+  for (int signalNumber : kSignalNumbers) platform::StopForwardingSignal(signalNumber, threadId);
+}
+
 void omi_AlertListener::Arm() {
   if (m_threadId != 0) return;
   platform::Event* started = platform::CreateAutoResetEvent();
@@ -74,24 +84,37 @@ void omi_AlertListener::Arm() {
   platform::WaitEvent(started);
   platform::CloseEvent(started);
   m_handle = worker;
-  PostSurely(m_threadId, kArmedCode);
+  if (PostSurely(m_threadId, kArmedCode) == platform::PostResult::NoQueue) {
+    // The worker found no queue to take (all in use) and ended: nothing is armed.
+    platform::JoinThread(worker);
+    m_handle = nullptr;
+    m_threadId = 0;
+  }
 }
 
 void omi_AlertListener::Disarm() {
   if (m_threadId == 0) return;
-  PostSurely(m_threadId, kEndCode);
-  platform::JoinThread(static_cast<platform::Thread*>(m_handle));
+  auto* worker = static_cast<platform::Thread*>(m_handle);
+  if (platform::CurrentThreadId() == m_threadId) {
+    // A handler of ours: waiting for the worker would wait for itself.
+    t_workerLetGo = true;
+    platform::DetachThread(worker);
+  } else {
+    PostSurely(m_threadId, kEndCode);
+    platform::JoinThread(worker);
+  }
   m_handle = nullptr;
   m_threadId = 0;
 }
 
 void omi_AlertListener::WorkerMain(void* self) {
   auto* listener = static_cast<omi_AlertListener*>(self);
-  listener->RouteSignals(true, -1);
+  // Signals are routed only once there is a queue to receive them.
   const bool queued = platform::CreateThreadQueue();
+  if (queued) listener->RouteSignals(true, -1);
   platform::SignalEvent(static_cast<platform::Event*>(listener->m_handle));
   if (queued) listener->RunMessageLoop();
-  listener->RouteSignals(false, -1);
+  StopRouting(platform::CurrentThreadId());
   platform::DestroyThreadQueue();
 }
 
@@ -103,6 +126,10 @@ void omi_AlertListener::RunMessageLoop() const {
     if (code < static_cast<std::uintptr_t>(kKinds)) {
       // A kind without a handler is dropped: there is nothing safe to call.
       if (Handler handler = m_handlers[code].load()) handler(kSignalNumbers[code]);
+      if (t_workerLetGo) {
+        mem_TBThreadLock(false);
+        return;
+      }
     } else if (code == kEndCode) {
       mem_TBThreadLock(false);
       return;

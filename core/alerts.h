@@ -53,8 +53,13 @@ class ZMXUTI_API omi_AlertListener {
   // signal is routed to the worker from now on (or given back when unset).
   void SetHandler(omi_AlertEnm kind, Handler handler);
   // Starts the worker unless armed; returns once the worker takes messages.
+  // When the system refuses the thread or its queue, stays disarmed.
   void Arm();
-  // Stops the worker if armed and waits for it to end.
+  // Stops the worker if armed and waits for it to end. Called by one of this
+  // listener's own handlers (on the worker), it cannot wait: the listener
+  // reads disarmed at once, the worker ends as soon as that handler returns,
+  // without touching the listener again, and alerts still queued are dropped.
+  // So a handler may disarm, re-arm or destroy its own listener.
   void Disarm();
 
   // The worker's thread id, 0 while disarmed.
@@ -62,6 +67,7 @@ class ZMXUTI_API omi_AlertListener {
 
  private:
   static void WorkerMain(void* self);
+  static void StopRouting(std::uint32_t threadId);
   void RouteSignals(bool on, int onlyKind) const;
   void RunMessageLoop() const;
 

@@ -23,6 +23,9 @@ using ThreadMain = void (*)(void* argument);
 Thread* StartThread(ThreadMain main, void* argument, bool highestPriority, std::uint32_t* id);
 // Waits without time-out for the thread to end, then releases its handle.
 void JoinThread(Thread* thread);
+// Lets the thread end on its own, never joined, and releases its handle; a
+// thread may detach itself.
+void DetachThread(Thread* thread);
 // Lets other threads run for a moment.
 void YieldThread();
 
@@ -54,6 +57,7 @@ bool ForwardSignal(int signalNumber, std::uint32_t threadId, std::uint32_t messa
 // If `signalNumber` is forwarded to `threadId`, puts back the action it had
 // before forwarding began.
 void StopForwardingSignal(int signalNumber, std::uint32_t threadId);
+// Both may be called from several threads at once, never from a signal handler.
 
 }  // namespace platform
 }  // namespace zmx

@@ -82,8 +82,10 @@ Thread* StartThread(ThreadMain main, void* argument, bool highestPriority, std::
   const std::uint32_t newId = NewThreadId();
   auto* block = new (blockMemory) StartBlock{main, argument, newId, highestPriority};
   auto* thread = new (threadMemory) Thread{};
+  const std::uint32_t previousId = *id;
   *id = newId;  // published before the thread runs, as the contract says
   if (pthread_create(&thread->handle, nullptr, ThreadStart, block) != 0) {
+    *id = previousId;
     std::free(blockMemory);
     std::free(threadMemory);
     return nullptr;
@@ -93,6 +95,11 @@ Thread* StartThread(ThreadMain main, void* argument, bool highestPriority, std::
 
 void JoinThread(Thread* thread) {
   pthread_join(thread->handle, nullptr);
+  std::free(thread);
+}
+
+void DetachThread(Thread* thread) {
+  pthread_detach(thread->handle);
   std::free(thread);
 }
 
@@ -213,6 +220,17 @@ struct Forwarding {
 };
 Forwarding g_forwarding[kMaxSignal];
 
+// Serialises installing and giving back, so that a worker ending while the
+// next one starts cannot save the forwarding action as the earlier one, nor
+// put an action back after the other installed. Signal handlers never take it.
+pthread_mutex_t g_forwardingLock = PTHREAD_MUTEX_INITIALIZER;
+struct ForwardingHold {
+  ForwardingHold() { pthread_mutex_lock(&g_forwardingLock); }
+  ~ForwardingHold() { pthread_mutex_unlock(&g_forwardingLock); }
+  ForwardingHold(const ForwardingHold&) = delete;
+  ForwardingHold& operator=(const ForwardingHold&) = delete;
+};
+
 void ForwardingHandler(int signalNumber) {
   const int savedErrno = errno;
   if (signalNumber > 0 && signalNumber < kMaxSignal) {
@@ -227,6 +245,7 @@ void ForwardingHandler(int signalNumber) {
 bool ForwardSignal(int signalNumber, std::uint32_t threadId, std::uint32_t message, std::uintptr_t code) {
   if (signalNumber <= 0 || signalNumber >= kMaxSignal || threadId == 0) return false;
   Forwarding& f = g_forwarding[signalNumber];
+  const ForwardingHold hold;
   f.message.store(message);
   f.code.store(code);
   if (f.threadId.exchange(threadId) != 0) return true;  // already installed: retargeted
@@ -244,6 +263,7 @@ bool ForwardSignal(int signalNumber, std::uint32_t threadId, std::uint32_t messa
 void StopForwardingSignal(int signalNumber, std::uint32_t threadId) {
   if (signalNumber <= 0 || signalNumber >= kMaxSignal || threadId == 0) return;
   Forwarding& f = g_forwarding[signalNumber];
+  const ForwardingHold hold;
   std::uint32_t expected = threadId;
   if (!f.threadId.compare_exchange_strong(expected, 0)) return;
   sigaction(signalNumber, &f.previous, nullptr);

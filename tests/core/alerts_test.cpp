@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -32,11 +33,6 @@ void Record(int number) {
     g_calls.push_back({number, std::this_thread::get_id()});
   }
   g_inside.fetch_sub(1);
-}
-
-std::size_t CallCount() {
-  std::lock_guard<std::mutex> hold(g_callsLock);
-  return g_calls.size();
 }
 
 class Alerts : public ::testing::Test {
@@ -93,12 +89,13 @@ TEST_F(Alerts, KindsWithoutHandlerAndUnarmedTriggersCallNothing) {
   const omi_AlertTrigger trigger(listener);
   trigger.Alert(omi_AlertInterrupt);
   trigger.Alert(omi_AlertTerminate);
-  // The worker reads the handler when it takes the message: unset it only after that call.
-  for (int i = 0; i < 5000 && CallCount() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  listener.SetHandler(omi_AlertTerminate, nullptr);
-  trigger.Alert(omi_AlertTerminate);
-  listener.Disarm();
+  listener.Disarm();                  // handles what was queued first
   trigger.Alert(omi_AlertTerminate);  // the worker is gone
+  // The handler is read when the alert is handled, so it is unset only between workers.
+  listener.SetHandler(omi_AlertTerminate, nullptr);
+  listener.Arm();
+  omi_AlertTrigger(listener).Alert(omi_AlertTerminate);
+  listener.Disarm();
   ASSERT_EQ(g_calls.size(), 1u);
   EXPECT_EQ(g_calls[0].number, 15);
 }
@@ -134,6 +131,34 @@ TEST_F(Alerts, EverySignalReachesItsHandlerOnTheWorkerAndDisarmingRestoresTheAct
 TEST_F(Alerts, ASignalOfAKindWithoutHandlerKeepsItsOwnAction) {
   const auto result = zmx_test::RunProbe("services_probe", "alert_signals", {}, {"4"});
   EXPECT_EQ(result.signal, SIGUSR1) << zmx_test::Describe(result);
+}
+
+TEST_F(Alerts, AHandlerMayDisarmOrDestroyItsOwnListener) {
+  const auto result = zmx_test::RunProbe("services_probe", "handler_lets_go");
+  ASSERT_TRUE(zmx_test::ExitedCleanly(result)) << zmx_test::Describe(result);
+  EXPECT_EQ(result.out, "disarmed 1 restored 1\ndestroyed 2 restored 1\n");
+}
+
+TEST_F(Alerts, ARefusedWorkerLeavesTheListenerDisarmed) {
+  const auto result = zmx_test::RunProbe("services_probe", "arm_refused");
+  ASSERT_TRUE(zmx_test::ExitedCleanly(result)) << zmx_test::Describe(result);
+  EXPECT_EQ(result.out, "thread 0\ndisarmed\n");
+}
+
+TEST_F(Alerts, ArmingIsRefusedWhileEveryQueueIsTakenAndAllowedOnceOneIsFree) {
+  std::vector<std::unique_ptr<omi_AlertListener>> armed;
+  do {
+    armed.push_back(std::make_unique<omi_AlertListener>());
+    armed.back()->Arm();
+  } while (armed.back()->ThreadId() != 0 && armed.size() < 256);
+  ASSERT_EQ(armed.back()->ThreadId(), 0u) << armed.size() << " workers all got a queue";
+  armed.front()->Disarm();
+  armed.back()->SetHandler(omi_AlertUser1, Record);
+  armed.back()->Arm();
+  omi_AlertTrigger(*armed.back()).Alert(omi_AlertUser1);
+  armed.clear();
+  ASSERT_EQ(g_calls.size(), 1u);
+  EXPECT_EQ(g_calls[0].number, 10);
 }
 
 TEST(Singleton, CreatedOnFirstUseAndFreshAfterFinalize) {

@@ -61,6 +61,7 @@ TEST(Timer, ElapsedKeepsTheLastIntervalWhileProcessorTimeAddsThemAll) {
   BurnCpu(0.05);
   // While running: the current interval plus the last completed one.
   EXPECT_GE(timer.GetElapsedTime(), first + 0.05);
+  EXPECT_GE(timer.GetTotalCpuTime(), 0.15 - 0.005);
   BurnCpu(0.15);
   timer.Stop();
   const double second = Seconds(Clock::now() - secondStart);

@@ -40,6 +40,7 @@ TEST_F(FpeControl, EnableTrapsInvalidZeroDivideOverflowOnBothUnitsAndSetsTheStat
 }
 
 TEST_F(FpeControl, DisableMasksAllAndResetsRoundingAndPrecision) {
+  omn_enableFPE();  // denormals flushed, which disabling leaves as they are
   fp::ControlFp(0x200 | 0x10000, fp::kFpRoundingField | fp::kFpPrecisionField);
   omn_disableFPE();
   const Registers r = Read();
@@ -47,6 +48,7 @@ TEST_F(FpeControl, DisableMasksAllAndResetsRoundingAndPrecision) {
   EXPECT_EQ(r.sse & 0x1F80u, 0x1F80u);
   EXPECT_EQ(r.sse & (3u << 13), 0u);
   EXPECT_EQ(r.sse & fp::kSseFlushToZero, 0u);
+  EXPECT_NE(r.sse & fp::kSseDenormalsAreZero, 0u);
 }
 
 TEST_F(FpeControl, ControlValuesReachBothUnits) {

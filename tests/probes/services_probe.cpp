@@ -1,7 +1,8 @@
 // Fresh-process scenarios for the process services: the session counter's
 // overflow lines, floating-point traps that end the process, the freeze
-// count's repair message, the once-per-process error mode, and signals
-// reaching alert handlers.
+// count's repair message, the once-per-process error mode, signals
+// reaching alert handlers, handlers that let go of their own listener, and a
+// worker the system refuses.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <thread>
 
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "ZMXUTI_CoreUtils.h"
@@ -122,12 +124,74 @@ void AlertSignals() {
   }
 }
 
+// ---- handlers that disarm or destroy their own listener ----
+
+volatile sig_atomic_t g_letGo = 0;
+void DisarmOwnListener(int) {
+  omi_Singleton<omi_AlertListener>::Instance().Disarm();
+  g_letGo = g_letGo + 1;
+}
+void DestroyOwnListener(int) {
+  omi_SingletonBase<omi_AlertListener>::Finalize();
+  g_letGo = g_letGo + 1;
+}
+
+// True once the worker that ended has given SIGUSR1 its default action back.
+bool Usr1Restored() {
+  for (int i = 0; i < 500; ++i) {
+    struct sigaction now {};
+    sigaction(SIGUSR1, nullptr, &now);
+    if (now.sa_handler == SIG_DFL) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+// The second alert queued behind the destroying handler is dropped with the worker.
+void HandlerLetsGo() {
+  zmx_probe::BringUp(UTI_CoreUtils_initialize);
+  omi_AlertListener& listener = omi_Singleton<omi_AlertListener>::Instance();
+  listener.SetHandler(omi_AlertUser1, DisarmOwnListener);
+  listener.Arm();
+  kill(getpid(), SIGUSR1);
+  const bool disarmRestored = Usr1Restored();
+  std::printf("disarmed %d restored %d\n", static_cast<int>(g_letGo), disarmRestored ? 1 : 0);
+  listener.SetHandler(omi_AlertUser1, DestroyOwnListener);
+  listener.Arm();
+  const omi_AlertTrigger trigger(listener);
+  trigger.Alert(omi_AlertUser1);
+  trigger.Alert(omi_AlertUser1);
+  const bool destroyRestored = Usr1Restored();
+  std::printf("destroyed %d restored %d\n", static_cast<int>(g_letGo), destroyRestored ? 1 : 0);
+}
+
+// With the address space capped just above what is in use, no thread stack
+// fits: arming is refused and the listener stays disarmed.
+void ArmRefused() {
+  zmx_probe::BringUp(UTI_CoreUtils_initialize);
+  omi_AlertListener listener;
+  long pages = 0;
+  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(statm, "%ld", &pages) != 1) pages = 0;
+    std::fclose(statm);
+  }
+  const rlim_t cap = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (256 << 10);
+  const rlimit limit{cap, cap};
+  if (pages == 0 || setrlimit(RLIMIT_AS, &limit) != 0) std::printf("no cap\n");
+  listener.Arm();
+  std::printf("thread %u\n", listener.ThreadId());
+  listener.Disarm();
+  std::printf("disarmed\n");
+}
+
 const zmx_probe::Scenario kScenarios[] = {
     {"session_counter_overflow", SessionCounterOverflow},
     {"fpe_trap", FpeTrap},
     {"freeze_release", FreezeRelease},
     {"error_mode", ErrorMode},
     {"alert_signals", AlertSignals},
+    {"arm_refused", ArmRefused},
+    {"handler_lets_go", HandlerLetsGo},
 };
 
 }  // namespace
