@@ -159,8 +159,15 @@ class ZMXUTI_API uts_UnitTest {
   virtual void testSetUp();
   // Called after each test function; an exception is reported, not fatal.
   virtual void testTearDown();
-  // Runs every test function in order of addition (see the .cpp for the
-  // steps) and returns the number of failures in all tests.
+  // Runs every test function in order of addition between the monitor's
+  // beginTesting and endTesting: testSetUp, the function, reportEachTest,
+  // testTearDown. An exception from set-up or tear-down is reported by
+  // exceptionPrint(owner, "testSetUp" / "testTearDown"); one from the function
+  // counts a failure and is reported with the functor's owner and name. With
+  // stop-on-failure set, a function with failures ends the run after its
+  // tear-down with "---Stop Testing Prematurely Due to stopOnFailure Flag
+  // Set\n". While it runs, this class's monitor is CurrentMonitor().
+  // Returns the number of failures in all tests.
   virtual int runTests();
 
   // Takes ownership of `test` (see uts_Functor). A null functor is ignored
