@@ -40,4 +40,6 @@
 #include "strings/translatable_string.h"
 #include "strings/translate.h"
 
+#include "unittest/unit_test.h"
+
 #endif  // ZMXUTI_CORE_UTILS_H
