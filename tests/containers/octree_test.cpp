@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cfloat>
 #include <cmath>
 #include <memory>
 #include <limits>
@@ -290,6 +291,33 @@ TEST(OctreeLineTrav, DegenerateInputEndsSafely) {
   for (unsigned int i = 0; i < 300; ++i) unsplittable.Insert(i, omi_OctVector(1, 1, 1), omi_OctVector(2, 2, 2));
   EXPECT_EQ(LeafAt(unsplittable, 0.5f, 0.5f, 0.5f)->Count(), 300u);
   EXPECT_EQ(unsplittable.LeafCount(), 2u);
+}
+
+// Trees over boxes at or beyond the ends of float range, or given infinite or
+// NaN sizes: built, split, searched and walked under the floating-point traps.
+TEST(OctreeLineTrav, ExtremeTreesNeitherTrapNorWalk) {
+  const float kMax = FLT_MAX, kInf = std::numeric_limits<float>::infinity();
+  const float kTop = std::nextafter(FLT_MAX, 0.0f);  // + 2^104 is FLT_MAX: a finite box
+  const struct {
+    float centre, half, tolerance;
+    bool walks;
+  } cases[] = {{kMax, kMax, 1, false}, {-kMax, kMax, 1, false}, {0, 1, kInf, false}, {kInf, 1, 1, false},
+               {0, kInf, 1, false},
+               {kNaN, 1, 0.1f, false}, {1, kNaN, 0.1f, false}, {kTop, 0x1p104f, 0x1p90f, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.centre << " " << c.half << " " << c.tolerance);
+    omi_Octree tree(omi_OctVector(c.centre, c.centre, c.centre), omi_OctVector(c.half, c.half, c.half), c.tolerance,
+                    nullptr, nullptr);
+    for (unsigned int i = 0; i < 600; ++i) {
+      const float v = i % 2 ? kMax : 1.0f;
+      tree.Insert(i, omi_OctVector(v, v, v), omi_OctVector(v, v, v));
+    }
+    bool started = false;
+    const size_t walked = Walk(tree, {kTop, kTop, kTop}, {kMax, kMax, kMax}, 0x1p100f, &started).size();
+    EXPECT_EQ(started, c.walks);
+    EXPECT_EQ(walked > 0, c.walks);
+    EXPECT_NE(LeafAt(tree, kMax, kMax, kMax), nullptr);
+  }
 }
 
 // A point inside a small leaf with a walk tolerance far above the tree's: the
