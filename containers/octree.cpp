@@ -3,10 +3,10 @@
 #include "containers/octree.h"
 
 #include <cmath>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 namespace {
 
@@ -22,6 +22,20 @@ int gDumpDepth = 0;
 int gDumpCells = 0;
 int gDumpLeaves = 0;
 int gDumpMaxDepth = 0;
+
+// a + b rounded to float as a float addition rounds it, but without raising the
+// floating-point traps the library's start-up switches on: a sum beyond float
+// range is an infinity, and infinities of opposite signs give a NaN. (A double
+// holds more than twice a float's precision, so rounding first to double and
+// then to float gives the float sum.)
+float QuietSum(float a, float b) {
+  if (std::isinf(a) && std::isinf(b) && std::signbit(a) != std::signbit(b))
+    return std::numeric_limits<float>::quiet_NaN();
+  const double sum = static_cast<double>(a) + b;
+  constexpr double kRoundsToInfinity = 0x1.ffffffp+127;  // FLT_MAX + half its unit in the last place
+  if (!std::isgreaterequal(std::fabs(sum), kRoundsToInfinity)) return static_cast<float>(sum);
+  return std::signbit(sum) ? -std::numeric_limits<float>::infinity() : std::numeric_limits<float>::infinity();
+}
 
 float Component(const omi_OctVector& v, unsigned int axis) { return axis == 0 ? v.x : axis == 1 ? v.y : v.z; }
 float& Component(omi_OctVector& v, unsigned int axis) { return axis == 0 ? v.x : axis == 1 ? v.y : v.z; }
@@ -68,12 +82,13 @@ omi_OctreeBranch::omi_OctreeBranch(const omi_OctVector& centre, const omi_OctVec
     unsigned int index;
     bool present;
   } order[8] = {{0, true}, {1, x}, {3, x && y}, {2, y}, {6, z && y}, {7, z && x && y}, {5, z && x}, {4, z}};
+  // Centres at the ends of float range overflow to infinities here, quietly.
   for (const auto& c : order) {
     if (!c.present) continue;
     omi_OctVector childCentre;
     for (unsigned int a = 0; a < 3; ++a) {
-      const float lower = Component(centre, a) - Component(childHalf, a);
-      Component(childCentre, a) = (c.index >> a) & 1u ? lower + Component(halfSize, a) : lower;
+      const float lower = QuietSum(Component(centre, a), -Component(childHalf, a));
+      Component(childCentre, a) = (c.index >> a) & 1u ? QuietSum(lower, Component(halfSize, a)) : lower;
     }
     children_[c.index] = new omi_OctreeLeafFix(tree->TakeLeafNumber(), childCentre, childHalf);
   }

@@ -217,7 +217,8 @@ class ZMXUTI_API omi_Octree : public mem_AllocationOperators {
   // tolerance exceeds all three half-size components the root half-size
   // becomes (tolerance, tolerance, tolerance). An axis is splittable where the
   // root half-size is not below the tolerance. A null callback reads every box
-  // as zero when a full leaf is redistributed.
+  // as zero when a full leaf is redistributed. Cell centres beyond float range
+  // become infinities (no floating-point trap is raised).
   omi_Octree(const omi_OctVector& centre, const omi_OctVector& halfSize, float tolerance, BoxCallback callback,
              void* userData);
   // Destroys every cell, then frees every word block.

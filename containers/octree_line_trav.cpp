@@ -10,11 +10,30 @@
 namespace {
 
 // The point arithmetic runs in double and is stored clamped, so that extreme
-// but finite segments can neither overflow nor leave NaN behind.
+// but finite segments can neither overflow nor leave NaN behind. The
+// comparisons are the quiet ones: the library's start-up switches the
+// floating-point traps on.
 float ToFloat(double value) {
-  if (value > FLT_MAX) return FLT_MAX;
-  if (value < -FLT_MAX) return -FLT_MAX;
+  if (std::isgreater(value, FLT_MAX)) return FLT_MAX;
+  if (std::isless(value, -FLT_MAX)) return -FLT_MAX;
   return static_cast<float>(value);
+}
+
+// The root's box; false when no float holds it (a centre or half-size that is
+// infinite or NaN, or a corner beyond float range), so that no arithmetic on
+// the tree's cells can meet an infinity minus an infinity or a NaN.
+bool RootBox(const omi_OctreeCell* root, float* min, float* max) {
+  const float c[3] = {root->Centre().x, root->Centre().y, root->Centre().z};
+  const float h[3] = {root->HalfSize().x, root->HalfSize().y, root->HalfSize().z};
+  for (unsigned int a = 0; a < 3; ++a) {
+    if (!std::isfinite(c[a]) || !std::isfinite(h[a])) return false;
+    const double lo = static_cast<double>(c[a]) - h[a];
+    const double hi = static_cast<double>(c[a]) + h[a];
+    if (std::fabs(lo) > FLT_MAX || std::fabs(hi) > FLT_MAX) return false;
+    min[a] = static_cast<float>(lo);
+    max[a] = static_cast<float>(hi);
+  }
+  return true;
 }
 
 bool AllFinite(const float* v) { return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]); }
@@ -72,8 +91,7 @@ bool omi_OctreeLineTrav::Init(const omi_Octree* tree, float* const start, float*
   // A zero-length segment (even with tolerance 0) takes the single step 1.
   step_ = length > 0.0 && 2.0 * tolerance_ <= length ? static_cast<float>(2.0 * tolerance_ / length) : 1.0f;
 
-  BoxOf(tree->Root(), boxMin_, boxMax_);
-  if (!AllFinite(boxMin_) || !AllFinite(boxMax_)) return false;  // a tree over a box no float can hold
+  if (!RootBox(tree->Root(), boxMin_, boxMax_)) return false;
   bool inside = true;
   double lo[3], hi[3];
   for (unsigned int a = 0; a < 3; ++a) {

@@ -39,7 +39,8 @@ class ZMXUTI_API omi_OctreeLineTrav : public mem_AllocationOperators {
   // Prepares the walk of the segment start -> end with the given tolerance and
   // gathers the first leaves: those at the start point when it lies in the
   // tree's box widened by the tolerance, else those at the nearest face entry.
-  // False when the segment misses the tree (nothing to walk). May be called
+  // False when the segment misses the tree, when an input is infinite or NaN,
+  // or when no float holds the tree's box (nothing to walk). May be called
   // again for another segment; the set of visited leaves starts empty.
   bool Init(const omi_Octree* tree, float* const start, float* const end, float tolerance);
   // The next leaf, or null when the walk is over.
