@@ -21,6 +21,8 @@
 #include "streams/istream.h"
 #include "streams/ostream.h"
 #include "streams/standard_streams.h"
+#include "streams/fstream.h"
+#include "streams/strstream.h"
 
 #include "containers/blocked_array.h"
 #include "containers/blk_bit_vect.h"
