@@ -129,22 +129,35 @@ void PassOn(int sig, siginfo_t* info, void* context) {
   DieBySignal(sig);
 }
 
-// Status flags already set when an unmasked operation faults (enabling the
+// Status flags already set when an unmasked SSE operation faults (enabling the
 // traps leaves some set on purpose) make the kernel name the first set flag
 // rather than the operation's own fault. Clearing them in the saved state and
-// letting the instruction run again makes it fault with its real cause alone.
-std::atomic<void*> g_sseRetryAt{nullptr};
+// letting the instruction run again makes it fault with its real cause alone;
+// the flags cleared come back before anyone sees the fault, so a handler that
+// continues finds them as they were. The record is the thread's own: another
+// thread faulting at the same instruction meanwhile is a different fault.
+// (Initial-exec: no allocation on first use inside a signal handler.)
+struct SseRetry {
+  void* at;
+  unsigned flags;
+};
+thread_local SseRetry t_sseRetry __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
+constexpr greg_t kTrapSimd = 19;  // x87 faults come as 16 and name their own status word
+constexpr unsigned kSseStatusFlags = 0x3F;
 
 bool RetryWithClearSseFlags(int sig, const siginfo_t* info, ucontext_t* context) {
   if (sig != SIGFPE || info->si_code < FPE_FLTDIV || info->si_code > FPE_FLTSUB) return false;
   auto* fp = context->uc_mcontext.fpregs;
-  if (fp == nullptr || (fp->mxcsr & 0x3Fu) == 0) return false;
+  if (fp == nullptr || context->uc_mcontext.gregs[REG_TRAPNO] != kTrapSimd) return false;
   void* at = reinterpret_cast<void*>(context->uc_mcontext.gregs[REG_RIP]);
-  if (g_sseRetryAt.exchange(at) == at) {  // the second fault at this instruction is the real one
-    g_sseRetryAt.store(nullptr);
+  SseRetry& retry = t_sseRetry;
+  if (retry.at == at) {  // the second fault here is the real one
+    fp->mxcsr |= retry.flags;
+    retry = SseRetry{nullptr, 0};
     return false;
   }
-  fp->mxcsr &= ~0x3Fu;
+  retry = SseRetry{at, fp->mxcsr & kSseStatusFlags};
+  fp->mxcsr &= ~kSseStatusFlags;
   return true;
 }
 

@@ -264,6 +264,12 @@ TEST(CrashReport, ClientHandlerSeesFaultsBeforeTheReport) {
   EXPECT_EQ(resumed.child.signal, SIGSEGV);
   EXPECT_TRUE(resumed.reported) << "restoring puts the report filter back";
 
+  // SSE faults in two threads at one instruction, then an x87 fault: each is
+  // named by its own cause, and the status flags set before it survive.
+  const Crash fpe = RunCrash("float_continue");
+  EXPECT_EQ(fpe.child.out, "divides 4001 misnamed 0 flags lost 0\n") << Describe(fpe.child);
+  EXPECT_TRUE(fpe.child.exited);
+
   // The symbol library's absence from ZEM_PATH is told only when a report needs it.
   const std::string row = "!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!\n";
   struct Case {

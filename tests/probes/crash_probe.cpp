@@ -6,11 +6,14 @@
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <ucontext.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "ZMXUTI_CoreUtils.h"
 #include "probes/probe_main.h"
@@ -35,6 +38,7 @@ volatile double g_sink = 0;  // a store after each call keeps it out of tail pos
 PROBE_FAULT int NullDeref() { return *g_null + 1; }
 PROBE_FAULT int IntDivide() { return 7 / g_intZero; }
 PROBE_FAULT double FloatDivide() { return 1.0 / g_floatZero; }
+PROBE_FAULT long double X87Divide() { return 1.0L / g_floatZero; }
 
 // The additions after each call keep the calls out of tail position.
 PROBE_FRAME int Overflow(int n) {
@@ -138,6 +142,40 @@ void DispatchScenario() {
   NullDeref();
 }
 
+// ---- floating-point faults that a handler lets continue ----
+constexpr unsigned kFlagsLeftSet = 0x1D;  // what enabling the traps leaves set
+std::atomic<int> g_divides{0}, g_misnamed{0}, g_flagsLost{0};
+
+// Counts the fault, checks that the flags set before it are still in the
+// context, masks every exception there and continues.
+long MaskAndContinue(omi_ExceptionPointers* fault) {
+  ++(fault->code == omi_ExceptionFltDivideByZero ? g_divides : g_misnamed);
+  auto* fp = static_cast<ucontext_t*>(fault->context)->uc_mcontext.fpregs;
+  if ((fp->mxcsr & kFlagsLeftSet) != kFlagsLeftSet) ++g_flagsLost;
+  fp->mxcsr |= 0x1F80u;
+  fp->cwd |= 0x3Fu;
+  fp->swd &= ~0x80FFu;  // the x87 fault pending on the next instruction goes
+  return omi_ExceptionContinueExecution;
+}
+
+// Two threads divide by zero at the same instruction, then one x87 division.
+void FloatContinueScenario() {
+  Setup();
+  omi_SetExceptionHandler(MaskAndContinue);
+  auto divide = [] {
+    for (int i = 0; i < 2000; ++i) {
+      omn_enableFPE();
+      g_sink = FloatDivide();
+    }
+  };
+  std::thread other(divide);
+  divide();
+  other.join();
+  omn_enableFPE();
+  g_sink = static_cast<double>(X87Divide());
+  std::printf("divides %d misnamed %d flags lost %d\n", g_divides.load(), g_misnamed.load(), g_flagsLost.load());
+}
+
 // ---- a handler installed before the library's ----
 sigjmp_buf g_recover;
 void Recover(int) { siglongjmp(g_recover, 1); }
@@ -167,6 +205,7 @@ constexpr zmx_probe::Scenario kScenarios[] = {
     {"resume", ResumeScenario},
     {"dispatch", DispatchScenario},
     {"two_reports", TwoReportsScenario},
+    {"float_continue", FloatContinueScenario},
 };
 
 }  // namespace
