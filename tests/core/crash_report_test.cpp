@@ -282,6 +282,7 @@ TEST(CrashReport, ClientHandlerSeesFaultsBeforeTheReport) {
       {"none", "null", "handler C0000005\n", ""},
       {"probe", "null", "handler C0000005\n", ""},
       {"library", "null", "", "libdw.so.1 not found in ZEM_PATH"},
+      {"again", "null", "handler C0000005\n", ""},
       {"none", "overflow", "handler C00000FD\n", row + "EXCEPTION_STACK_OVERFLOW occurred\n" + row},
   };
   for (const Case& c : cases) {

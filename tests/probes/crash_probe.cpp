@@ -131,10 +131,18 @@ long EndProcess(omi_ExceptionPointers* fault) {
   return omi_ExceptionExecuteHandler;
 }
 
-// Arguments: folder, what to register (none, probe, library), fault (null, overflow).
+// Arguments: folder, what to register (none, probe, library, or "again": the
+// library is taken down and brought up again before the handler is set once
+// more), fault (null, overflow).
 void DispatchScenario() {
   Setup();
   omi_SetExceptionHandler(EndProcess);
+  if (std::strcmp(zmx_probe::Arg(3), "again") == 0) {
+    int depth = 1;
+    UTI_CoreUtils_finalize(depth);
+    UTI_CoreUtils_initialize(depth);
+    omi_SetExceptionHandler(EndProcess);
+  }
   if (std::strcmp(zmx_probe::Arg(3), "probe") == 0) omi_RegisterModule(reinterpret_cast<void*>(&NullDeref));
   if (std::strcmp(zmx_probe::Arg(3), "library") == 0)
     omi_RegisterModule(reinterpret_cast<void*>(&omi_InstallCrashFilter));
