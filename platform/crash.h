@@ -39,6 +39,11 @@ const char* ProgramBaseName();
 // The debugger's output channel (standard error here).
 void WriteDebugOutput(const char* text);
 
+// The calling thread's system-wide id (never 0), and a short sleep; both safe
+// inside a fault handler.
+long FaultingThreadId();
+void PauseBriefly();
+
 // ---- modules ----
 struct ModuleRange {
   const char* name;  // base name of the module's file

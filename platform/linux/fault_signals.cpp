@@ -4,12 +4,14 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "platform/crash.h"
 
@@ -210,6 +212,13 @@ const char* SystemExceptionText(unsigned int code) {
 }
 
 const char* ProgramBaseName() { return g_programName; }
+
+long FaultingThreadId() { return syscall(SYS_gettid); }
+
+void PauseBriefly() {
+  const timespec pause{0, 1000000};
+  nanosleep(&pause, nullptr);
+}
 
 void WriteDebugOutput(const char* text) {
   std::size_t left = std::strlen(text);

@@ -167,6 +167,13 @@ TEST(CrashReport, EachFaultIsNamedAtItsFunctionAndSourceLine) {
   }
 }
 
+TEST(CrashReport, ASecondThreadFaultingDuringTheReportLetsItEnd) {
+  const Crash crash = RunCrash("two_threads");
+  EXPECT_EQ(crash.child.signal, SIGSEGV) << Describe(crash.child);
+  EXPECT_EQ(crash.report.firstLine.find("crash_probe caused an EXCEPTION_ACCESS_VIOLATION"), 0u);
+  EXPECT_TRUE(HasModule(crash.report, "libZMXUTI_CoreUtils.so")) << crash.report.modules.size();
+}
+
 TEST(CrashReport, StackLinesStopAtTwoHundredForTheWholeProcess) {
   // 300 nested calls: the faulting frame and 199 of them.
   const Crash deep = RunCrash("deep");

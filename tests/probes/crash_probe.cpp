@@ -97,6 +97,21 @@ PROBE_FRAME void AbortScenario() {
 PROBE_FRAME void DeepScenario() { Setup(); g_sink = Deep(300); }
 PROBE_FRAME void LongNameScenario() { Setup(); g_sink = CrashInLongName<Nest<25>::type>(); }
 
+// Two threads fault at once.
+std::atomic<int> g_ready{0};
+void FaultTogether() {
+  ++g_ready;
+  while (g_ready.load() < 2) {
+  }
+  g_sink = NullDeref();
+}
+void TwoThreadsScenario() {
+  Setup();
+  std::thread first(FaultTogether), second(FaultTogether);
+  first.join();
+  second.join();
+}
+
 // ---- client handler ----
 char* g_lockedPage = nullptr;
 int g_notCode = 0;
@@ -214,6 +229,7 @@ constexpr zmx_probe::Scenario kScenarios[] = {
     {"dispatch", DispatchScenario},
     {"two_reports", TwoReportsScenario},
     {"float_continue", FloatContinueScenario},
+    {"two_threads", TwoThreadsScenario},
 };
 
 }  // namespace
