@@ -1,5 +1,6 @@
 // Crash reports and the client's exception handler, each case a crashing child
 // process that runs in a folder of its own, where its report lands.
+#include <dlfcn.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -52,6 +53,20 @@ std::vector<std::string> Lines(const std::string& text) {
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
+
+// The file the dynamic loader finds for `library` (the one holding `entry`),
+// or "" when the system has none.
+std::string SystemLibrary(const char* library, const char* entry) {
+  void* handle = dlopen(library, RTLD_NOW | RTLD_LOCAL);
+  void* address = handle != nullptr ? dlsym(handle, entry) : nullptr;
+  Dl_info info;
+  return address != nullptr && dladdr(address, &info) != 0 && info.dli_fname != nullptr ? info.dli_fname : "";
+}
+
+// Symbols of functions that are not exported, and source lines, need libdw.
+#define SKIP_WITHOUT_LIBDW()                                      \
+  if (SystemLibrary("libdw.so.1", "dwfl_begin").empty())          \
+  GTEST_SKIP() << "libdw.so.1 is not installed (tools/setup.sh installs libdw1)"
 
 struct Report {
   std::string firstLine;
@@ -118,6 +133,7 @@ int CountFramesWith(const Report& report, const std::string& text) {
 }
 
 TEST(CrashReport, EachFaultIsNamedAtItsFunctionAndSourceLine) {
+  SKIP_WITHOUT_LIBDW();
   struct Case {
     const char* scenario;
     int signal;
@@ -175,6 +191,7 @@ TEST(CrashReport, ASecondThreadFaultingDuringTheReportLetsItEnd) {
 }
 
 TEST(CrashReport, StackLinesStopAtTwoHundredForTheWholeProcess) {
+  SKIP_WITHOUT_LIBDW();
   // 300 nested calls: the faulting frame and 199 of them.
   const Crash deep = RunCrash("deep");
   ASSERT_EQ(deep.report.frames.size(), 200u) << Describe(deep.child);
@@ -193,6 +210,7 @@ TEST(CrashReport, StackLinesStopAtTwoHundredForTheWholeProcess) {
 }
 
 TEST(CrashReport, ASymbolReachingPastColumn718EndsTheLine) {
+  SKIP_WITHOUT_LIBDW();
   // The name fits the 1,024-character line but not before column 718: it is
   // copied as it is and neither its displacement nor the source line follows.
   const Crash crash = RunCrash("long_name");
@@ -210,13 +228,16 @@ TEST(CrashReport, ASymbolReachingPastColumn718EndsTheLine) {
 }
 
 TEST(CrashReport, SymbolLibraryIsSearchedThroughZemPath) {
+  const std::string libdw = SystemLibrary("libdw.so.1", "dwfl_begin"),
+                    libelf = SystemLibrary("libelf.so.1", "elf_version");
+  if (libdw.empty() || libelf.empty()) GTEST_SKIP() << "libdw.so.1 or libelf.so.1 is not installed";
   const std::string root = MakeFolder();
   const std::string empty = MakeFolder(root), linked = MakeFolder(root), broken = MakeFolder(root),
                     other = MakeFolder(root);
   for (const std::string& dir : {linked, broken, other}) mkdir((dir + "/External").c_str(), 0700);
-  ASSERT_EQ(symlink("/usr/lib/x86_64-linux-gnu/libdw.so.1", (linked + "/External/libdw.so.1").c_str()), 0);
+  ASSERT_EQ(symlink(libdw.c_str(), (linked + "/External/libdw.so.1").c_str()), 0);
   // A library without the entry points: symbols then come from the dynamic symbol tables.
-  ASSERT_EQ(symlink("/usr/lib/x86_64-linux-gnu/libelf.so.1", (other + "/External/libdw.so.1").c_str()), 0);
+  ASSERT_EQ(symlink(libelf.c_str(), (other + "/External/libdw.so.1").c_str()), 0);
   std::ofstream(broken + "/External/libdw.so.1") << "not a library\n";
 
   struct Case {
