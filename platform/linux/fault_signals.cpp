@@ -121,12 +121,33 @@ unsigned ExceptionCode(int sig, const siginfo_t* info, const ucontext_t* context
   _exit(128 + sig);
 }
 
+// The fault this thread is passing on, and how deep its handler was then. A
+// handler installed after ours that chains back to it calls ours again with the
+// same context from deeper down: the chain has come round, and the default
+// action ends it. (A handler that jumps out leaves this behind; the next fault
+// then sits no deeper.)
+struct PassingOn {
+  const void* context;
+  std::uintptr_t depth;
+};
+thread_local PassingOn t_passingOn __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
+
+bool ChainCameRound(const void* context, const void* here) {
+  return context == t_passingOn.context && reinterpret_cast<std::uintptr_t>(here) < t_passingOn.depth;
+}
+
 // ContinueSearch: the handler that was in place before ours, or the default action.
-void PassOn(int sig, siginfo_t* info, void* context) {
+// `depth` is a local of the handler passing on.
+void PassOn(int sig, siginfo_t* info, void* context, const void* depth) {
   const struct sigaction& previous = g_previousAction[sig];
+  t_passingOn = PassingOn{context, reinterpret_cast<std::uintptr_t>(depth)};
   if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
-    if ((previous.sa_flags & SA_SIGINFO) != 0) return previous.sa_sigaction(sig, info, context);
-    return previous.sa_handler(sig);
+    if ((previous.sa_flags & SA_SIGINFO) != 0)
+      previous.sa_sigaction(sig, info, context);
+    else
+      previous.sa_handler(sig);
+    t_passingOn = PassingOn{nullptr, 0};
+    return;
   }
   DieBySignal(sig);
 }
@@ -166,6 +187,7 @@ bool RetryWithClearSseFlags(int sig, const siginfo_t* info, ucontext_t* context)
 void OnFatalSignal(int sig, siginfo_t* info, void* raw) {
   const int savedErrno = errno;
   auto* context = static_cast<ucontext_t*>(raw);
+  if (ChainCameRound(raw, &savedErrno)) DieBySignal(sig);
   if (RetryWithClearSseFlags(sig, info, context)) return;
   omi_ExceptionPointers fault{ExceptionCode(sig, info, context),
                               reinterpret_cast<void*>(context->uc_mcontext.gregs[REG_RIP]), sig, info, raw};
@@ -176,30 +198,37 @@ void OnFatalSignal(int sig, siginfo_t* info, void* raw) {
   errno = savedErrno;
   if (result == omi_ExceptionContinueExecution) return;
   if (result == omi_ExceptionExecuteHandler) DieBySignal(sig);
-  PassOn(sig, info, raw);
+  PassOn(sig, info, raw, &savedErrno);
 }
 
 }  // namespace
 
 bool InstallFaultHandlers() {
   GiveAlternateStack();
-  if (g_installed) return true;
-  CaptureProgramName();
-  CaptureStackBounds();
+  if (!g_installed) {
+    CaptureProgramName();
+    CaptureStackBounds();
+  }
   struct sigaction action {};
   action.sa_sigaction = OnFatalSignal;
   action.sa_flags = SA_SIGINFO | SA_ONSTACK;
   // A second fault while one is handled ends the process instead of nesting.
   sigemptyset(&action.sa_mask);
   for (int sig : kFatalSignals) sigaddset(&action.sa_mask, sig);
-  for (int sig : kFatalSignals)
+  for (int sig : kFatalSignals) {
+    // Installing again takes back a signal that another handler took meanwhile,
+    // keeping that one as the handler to pass on to.
+    struct sigaction current {};
+    if (sigaction(sig, nullptr, &current) != 0) return false;
+    if ((current.sa_flags & SA_SIGINFO) != 0 && current.sa_sigaction == OnFatalSignal) continue;
     if (sigaction(sig, &action, &g_previousAction[sig]) != 0) return false;
+  }
   g_installed = true;
   return true;
 }
 
 omi_ExceptionHandler SetUnhandledFilter(omi_ExceptionHandler filter) {
-  InstallFaultHandlers();
+  if (!g_installed) InstallFaultHandlers();
   return g_filter.exchange(filter);
 }
 

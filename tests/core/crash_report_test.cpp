@@ -190,6 +190,19 @@ TEST(CrashReport, ASecondThreadFaultingDuringTheReportLetsItEnd) {
   EXPECT_TRUE(HasModule(crash.report, "libZMXUTI_CoreUtils.so")) << crash.report.modules.size();
 }
 
+TEST(CrashReport, StartUpTakesBackASignalAClientTookOver) {
+  // The client's handler chains back to the library's. Brought up again, the
+  // library sees the fault first; passing it on (pop-ups wanted) reaches the
+  // client's handler once, and its call back ends the process.
+  for (const bool popup : {false, true}) {
+    SCOPED_TRACE(popup);
+    const Crash crash = RunCrash("taken_over", popup ? EnvVars{{"QVL_DEBUG_POPUP", "1"}} : EnvVars{});
+    EXPECT_EQ(crash.child.signal, SIGSEGV) << Describe(crash.child);
+    EXPECT_EQ(crash.child.out, popup ? "client\n" : "");
+    EXPECT_TRUE(crash.reported);
+  }
+}
+
 TEST(CrashReport, StackLinesStopAtTwoHundredForTheWholeProcess) {
   SKIP_WITHOUT_LIBDW();
   // 300 nested calls: the faulting frame and 199 of them.

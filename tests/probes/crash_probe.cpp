@@ -217,6 +217,27 @@ void TwoReportsScenario() {
   Say("recovered twice\n");
 }
 
+// ---- a handler installed after the library's ----
+struct sigaction g_libraryAction;
+void ChainBack(int sig, siginfo_t* info, void* context) {
+  Say("client\n");
+  g_libraryAction.sa_sigaction(sig, info, context);
+}
+
+// The client takes the fault signal over, chaining back to the library's
+// handler; the library is then taken down and brought up again.
+void TakenOverScenario() {
+  Setup();
+  struct sigaction action {};
+  action.sa_sigaction = ChainBack;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGSEGV, &action, &g_libraryAction);
+  int depth = 1;
+  UTI_CoreUtils_finalize(depth);
+  UTI_CoreUtils_initialize(depth);
+  NullDeref();
+}
+
 constexpr zmx_probe::Scenario kScenarios[] = {
     {"null", NullScenario},
     {"overflow", OverflowScenario},
@@ -230,6 +251,7 @@ constexpr zmx_probe::Scenario kScenarios[] = {
     {"two_reports", TwoReportsScenario},
     {"float_continue", FloatContinueScenario},
     {"two_threads", TwoThreadsScenario},
+    {"taken_over", TakenOverScenario},
 };
 
 }  // namespace
