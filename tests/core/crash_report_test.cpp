@@ -177,6 +177,7 @@ TEST(CrashReport, EachFaultIsNamedAtItsFunctionAndSourceLine) {
     ASSERT_FALSE(r.frames.empty());
     EXPECT_EQ(r.frames[0], "0x" + head[3].str() + " " + c.module + head.suffix().str());
     EXPECT_GE(CountFramesWith(r, c.caller), 1) << r.frames.size();
+    EXPECT_EQ(CountFramesWith(r, "@"), 0) << "symbol versions are no part of the names";
     EXPECT_GE(CountFramesWith(r, "crash_probe.cpp, line "), c.module == std::string("crash_probe") ? 2 : 1);
     EXPECT_TRUE(HasModule(r, "crash_probe")) << r.modules.size();
     EXPECT_TRUE(HasModule(r, "libZMXUTI_CoreUtils.so"));
