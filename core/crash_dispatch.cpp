@@ -11,7 +11,6 @@ namespace {
 
 omi_ExceptionHandler g_clientHandler = nullptr;
 omi_ExceptionHandler g_replacedFilter = nullptr;
-bool g_dispatching = false;
 
 // Bases of the registered modules, on the runtime's heap (not the library's).
 const void** g_modules = nullptr;
@@ -48,9 +47,11 @@ long DispatchFilter(omi_ExceptionPointers* fault) {
 }  // namespace
 
 int omi_SetExceptionHandler(omi_ExceptionHandler handler) {
+  // Asked of the slot itself: start-up after a shut-down puts the report filter
+  // back in front, and the dispatching filter then has to be installed again.
+  const bool dispatching = zmx::platform::UnhandledFilter() == DispatchFilter;
   if (handler == nullptr) {
-    if (g_dispatching) zmx::platform::SetUnhandledFilter(g_replacedFilter);
-    g_dispatching = false;
+    if (dispatching) zmx::platform::SetUnhandledFilter(g_replacedFilter);
     g_clientHandler = nullptr;
     std::free(g_modules);
     g_modules = nullptr;
@@ -59,10 +60,7 @@ int omi_SetExceptionHandler(omi_ExceptionHandler handler) {
   }
   if (!IsCode(handler)) return 0;
   g_clientHandler = handler;
-  if (!g_dispatching) {
-    g_replacedFilter = zmx::platform::SetUnhandledFilter(DispatchFilter);
-    g_dispatching = true;
-  }
+  if (!dispatching) g_replacedFilter = zmx::platform::SetUnhandledFilter(DispatchFilter);
   return 1;
 }
 

@@ -56,7 +56,7 @@ constexpr int kMaxStackLines = 200;
 
 bool g_popupWanted = false;
 bool g_reportWanted = false;  // ZEM_PATH was defined at an installation
-std::atomic<bool> g_reporting{false};
+std::atomic<long> g_reporter{0};  // the thread writing a report, 0 for none
 int g_stackLines = 0;  // for the whole process: a second report gets what is left
 
 char g_line[kLineSize];
@@ -154,13 +154,22 @@ void WriteReport(const omi_ExceptionPointers& fault) {
   std::fclose(file);
 }
 
+// A thread that faults while another one writes its report waits for the
+// report to end (the process usually ends with it); a fault inside the report
+// itself only gets the answer.
 long ReportFilter(omi_ExceptionPointers* fault) {
-  // A thread that faults while another one reports only gets the answer.
-  if (fault != nullptr && g_reportWanted && !g_reporting.exchange(true)) {
-    WriteReport(*fault);
-    g_reporting.store(false);
+  const long answer = g_popupWanted ? omi_ExceptionContinueSearch : omi_ExceptionExecuteHandler;
+  if (fault == nullptr || !g_reportWanted) return answer;
+  const long self = zmx::platform::FaultingThreadId();
+  for (;;) {
+    long reporter = 0;
+    if (g_reporter.compare_exchange_strong(reporter, self)) break;
+    if (reporter == self) return answer;
+    zmx::platform::PauseBriefly();
   }
-  return g_popupWanted ? omi_ExceptionContinueSearch : omi_ExceptionExecuteHandler;
+  WriteReport(*fault);
+  g_reporter.store(0);
+  return answer;
 }
 
 }  // namespace

@@ -16,13 +16,15 @@ namespace zmx {
 namespace platform {
 
 // ---- fault delivery ----
-// Puts the fault handlers in place (idempotent) and gives the calling thread an
-// alternate stack the first time, so that its stack overflows are delivered too.
-// Also captures the program's base name. True when the handlers are in place.
+// Puts the fault handlers in place, taking back any fatal signal that another
+// handler took since (that one becomes the handler faults are passed on to),
+// and gives the calling thread an alternate stack the first time, so that its
+// stack overflows are delivered too. Also captures the program's base name.
+// True when the handlers are in place.
 bool InstallFaultHandlers();
 
 // The one unhandled filter of the process; returns the one it replaces. Puts the
-// handlers in place if needed. A filter's result decides as on Windows:
+// handlers in place if they never were. A filter's result decides as on Windows:
 // ExecuteHandler ends the process with the fault's signal; ContinueSearch hands
 // the fault to the handler that was in place before ours (or the default
 // action); ContinueExecution resumes at the context.
@@ -38,6 +40,11 @@ const char* ProgramBaseName();
 
 // The debugger's output channel (standard error here).
 void WriteDebugOutput(const char* text);
+
+// The calling thread's system-wide id (never 0), and a short sleep; both safe
+// inside a fault handler.
+long FaultingThreadId();
+void PauseBriefly();
 
 // ---- modules ----
 struct ModuleRange {

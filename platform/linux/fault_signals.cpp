@@ -4,12 +4,14 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "platform/crash.h"
 
@@ -119,38 +121,73 @@ unsigned ExceptionCode(int sig, const siginfo_t* info, const ucontext_t* context
   _exit(128 + sig);
 }
 
+// The fault this thread is passing on, and how deep its handler was then. A
+// handler installed after ours that chains back to it calls ours again with the
+// same context from deeper down: the chain has come round, and the default
+// action ends it. (A handler that jumps out leaves this behind; the next fault
+// then sits no deeper.)
+struct PassingOn {
+  const void* context;
+  std::uintptr_t depth;
+};
+thread_local PassingOn t_passingOn __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
+
+bool ChainCameRound(const void* context, const void* here) {
+  return context == t_passingOn.context && reinterpret_cast<std::uintptr_t>(here) < t_passingOn.depth;
+}
+
 // ContinueSearch: the handler that was in place before ours, or the default action.
-void PassOn(int sig, siginfo_t* info, void* context) {
+// `depth` is a local of the handler passing on.
+void PassOn(int sig, siginfo_t* info, void* context, const void* depth) {
   const struct sigaction& previous = g_previousAction[sig];
+  t_passingOn = PassingOn{context, reinterpret_cast<std::uintptr_t>(depth)};
   if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
-    if ((previous.sa_flags & SA_SIGINFO) != 0) return previous.sa_sigaction(sig, info, context);
-    return previous.sa_handler(sig);
+    if ((previous.sa_flags & SA_SIGINFO) != 0)
+      previous.sa_sigaction(sig, info, context);
+    else
+      previous.sa_handler(sig);
+    t_passingOn = PassingOn{nullptr, 0};
+    return;
   }
   DieBySignal(sig);
 }
 
-// Status flags already set when an unmasked operation faults (enabling the
+// Status flags already set when an unmasked SSE operation faults (enabling the
 // traps leaves some set on purpose) make the kernel name the first set flag
 // rather than the operation's own fault. Clearing them in the saved state and
-// letting the instruction run again makes it fault with its real cause alone.
-std::atomic<void*> g_sseRetryAt{nullptr};
+// letting the instruction run again makes it fault with its real cause alone;
+// the flags cleared come back before anyone sees the fault, so a handler that
+// continues finds them as they were. The record is the thread's own: another
+// thread faulting at the same instruction meanwhile is a different fault.
+// (Initial-exec: no allocation on first use inside a signal handler.)
+struct SseRetry {
+  void* at;
+  unsigned flags;
+};
+thread_local SseRetry t_sseRetry __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
+constexpr greg_t kTrapSimd = 19;  // x87 faults come as 16 and name their own status word
+constexpr unsigned kSseStatusFlags = 0x3F;
 
 bool RetryWithClearSseFlags(int sig, const siginfo_t* info, ucontext_t* context) {
   if (sig != SIGFPE || info->si_code < FPE_FLTDIV || info->si_code > FPE_FLTSUB) return false;
   auto* fp = context->uc_mcontext.fpregs;
-  if (fp == nullptr || (fp->mxcsr & 0x3Fu) == 0) return false;
+  if (fp == nullptr || context->uc_mcontext.gregs[REG_TRAPNO] != kTrapSimd) return false;
   void* at = reinterpret_cast<void*>(context->uc_mcontext.gregs[REG_RIP]);
-  if (g_sseRetryAt.exchange(at) == at) {  // the second fault at this instruction is the real one
-    g_sseRetryAt.store(nullptr);
+  SseRetry& retry = t_sseRetry;
+  if (retry.at == at) {  // the second fault here is the real one
+    fp->mxcsr |= retry.flags;
+    retry = SseRetry{nullptr, 0};
     return false;
   }
-  fp->mxcsr &= ~0x3Fu;
+  retry = SseRetry{at, fp->mxcsr & kSseStatusFlags};
+  fp->mxcsr &= ~kSseStatusFlags;
   return true;
 }
 
 void OnFatalSignal(int sig, siginfo_t* info, void* raw) {
   const int savedErrno = errno;
   auto* context = static_cast<ucontext_t*>(raw);
+  if (ChainCameRound(raw, &savedErrno)) DieBySignal(sig);
   if (RetryWithClearSseFlags(sig, info, context)) return;
   omi_ExceptionPointers fault{ExceptionCode(sig, info, context),
                               reinterpret_cast<void*>(context->uc_mcontext.gregs[REG_RIP]), sig, info, raw};
@@ -161,30 +198,37 @@ void OnFatalSignal(int sig, siginfo_t* info, void* raw) {
   errno = savedErrno;
   if (result == omi_ExceptionContinueExecution) return;
   if (result == omi_ExceptionExecuteHandler) DieBySignal(sig);
-  PassOn(sig, info, raw);
+  PassOn(sig, info, raw, &savedErrno);
 }
 
 }  // namespace
 
 bool InstallFaultHandlers() {
   GiveAlternateStack();
-  if (g_installed) return true;
-  CaptureProgramName();
-  CaptureStackBounds();
+  if (!g_installed) {
+    CaptureProgramName();
+    CaptureStackBounds();
+  }
   struct sigaction action {};
   action.sa_sigaction = OnFatalSignal;
   action.sa_flags = SA_SIGINFO | SA_ONSTACK;
   // A second fault while one is handled ends the process instead of nesting.
   sigemptyset(&action.sa_mask);
   for (int sig : kFatalSignals) sigaddset(&action.sa_mask, sig);
-  for (int sig : kFatalSignals)
+  for (int sig : kFatalSignals) {
+    // Installing again takes back a signal that another handler took meanwhile,
+    // keeping that one as the handler to pass on to.
+    struct sigaction current {};
+    if (sigaction(sig, nullptr, &current) != 0) return false;
+    if ((current.sa_flags & SA_SIGINFO) != 0 && current.sa_sigaction == OnFatalSignal) continue;
     if (sigaction(sig, &action, &g_previousAction[sig]) != 0) return false;
+  }
   g_installed = true;
   return true;
 }
 
 omi_ExceptionHandler SetUnhandledFilter(omi_ExceptionHandler filter) {
-  InstallFaultHandlers();
+  if (!g_installed) InstallFaultHandlers();
   return g_filter.exchange(filter);
 }
 
@@ -197,6 +241,13 @@ const char* SystemExceptionText(unsigned int code) {
 }
 
 const char* ProgramBaseName() { return g_programName; }
+
+long FaultingThreadId() { return syscall(SYS_gettid); }
+
+void PauseBriefly() {
+  const timespec pause{0, 1000000};
+  nanosleep(&pause, nullptr);
+}
 
 void WriteDebugOutput(const char* text) {
   std::size_t left = std::strlen(text);

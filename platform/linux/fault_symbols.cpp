@@ -7,6 +7,7 @@
 #include <elf.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -137,7 +138,13 @@ void DropParameters(char* name) {
   }
 }
 
-const char* ReadableSymbol(const char* raw) {
+const char* ReadableSymbol(const char* versioned) {
+  // The symbol table's version ("memcpy@@GLIBC_2.14") is no part of the name,
+  // and the demangler does not know it.
+  static char raw[sizeof g_symbol];
+  const std::size_t n = std::min(std::strcspn(versioned, "@"), sizeof raw - 1);
+  std::memcpy(raw, versioned, n);
+  raw[n] = '\0';
   int status = 0;
   // The demangler allocates with the runtime's malloc, not with the library's heap.
   char* demangled = abi::__cxa_demangle(raw, nullptr, nullptr, &status);

@@ -6,11 +6,14 @@
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <ucontext.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "ZMXUTI_CoreUtils.h"
 #include "probes/probe_main.h"
@@ -35,6 +38,7 @@ volatile double g_sink = 0;  // a store after each call keeps it out of tail pos
 PROBE_FAULT int NullDeref() { return *g_null + 1; }
 PROBE_FAULT int IntDivide() { return 7 / g_intZero; }
 PROBE_FAULT double FloatDivide() { return 1.0 / g_floatZero; }
+PROBE_FAULT long double X87Divide() { return 1.0L / g_floatZero; }
 
 // The additions after each call keep the calls out of tail position.
 PROBE_FRAME int Overflow(int n) {
@@ -93,6 +97,21 @@ PROBE_FRAME void AbortScenario() {
 PROBE_FRAME void DeepScenario() { Setup(); g_sink = Deep(300); }
 PROBE_FRAME void LongNameScenario() { Setup(); g_sink = CrashInLongName<Nest<25>::type>(); }
 
+// Two threads fault at once.
+std::atomic<int> g_ready{0};
+void FaultTogether() {
+  ++g_ready;
+  while (g_ready.load() < 2) {
+  }
+  g_sink = NullDeref();
+}
+void TwoThreadsScenario() {
+  Setup();
+  std::thread first(FaultTogether), second(FaultTogether);
+  first.join();
+  second.join();
+}
+
 // ---- client handler ----
 char* g_lockedPage = nullptr;
 int g_notCode = 0;
@@ -127,15 +146,57 @@ long EndProcess(omi_ExceptionPointers* fault) {
   return omi_ExceptionExecuteHandler;
 }
 
-// Arguments: folder, what to register (none, probe, library), fault (null, overflow).
+// Arguments: folder, what to register (none, probe, library, or "again": the
+// library is taken down and brought up again before the handler is set once
+// more), fault (null, overflow).
 void DispatchScenario() {
   Setup();
   omi_SetExceptionHandler(EndProcess);
+  if (std::strcmp(zmx_probe::Arg(3), "again") == 0) {
+    int depth = 1;
+    UTI_CoreUtils_finalize(depth);
+    UTI_CoreUtils_initialize(depth);
+    omi_SetExceptionHandler(EndProcess);
+  }
   if (std::strcmp(zmx_probe::Arg(3), "probe") == 0) omi_RegisterModule(reinterpret_cast<void*>(&NullDeref));
   if (std::strcmp(zmx_probe::Arg(3), "library") == 0)
     omi_RegisterModule(reinterpret_cast<void*>(&omi_InstallCrashFilter));
   if (std::strcmp(zmx_probe::Arg(4), "overflow") == 0) Overflow(0);
   NullDeref();
+}
+
+// ---- floating-point faults that a handler lets continue ----
+constexpr unsigned kFlagsLeftSet = 0x1D;  // what enabling the traps leaves set
+std::atomic<int> g_divides{0}, g_misnamed{0}, g_flagsLost{0};
+
+// Counts the fault, checks that the flags set before it are still in the
+// context, masks every exception there and continues.
+long MaskAndContinue(omi_ExceptionPointers* fault) {
+  ++(fault->code == omi_ExceptionFltDivideByZero ? g_divides : g_misnamed);
+  auto* fp = static_cast<ucontext_t*>(fault->context)->uc_mcontext.fpregs;
+  if ((fp->mxcsr & kFlagsLeftSet) != kFlagsLeftSet) ++g_flagsLost;
+  fp->mxcsr |= 0x1F80u;
+  fp->cwd |= 0x3Fu;
+  fp->swd &= ~0x80FFu;  // the x87 fault pending on the next instruction goes
+  return omi_ExceptionContinueExecution;
+}
+
+// Two threads divide by zero at the same instruction, then one x87 division.
+void FloatContinueScenario() {
+  Setup();
+  omi_SetExceptionHandler(MaskAndContinue);
+  auto divide = [] {
+    for (int i = 0; i < 2000; ++i) {
+      omn_enableFPE();
+      g_sink = FloatDivide();
+    }
+  };
+  std::thread other(divide);
+  divide();
+  other.join();
+  omn_enableFPE();
+  g_sink = static_cast<double>(X87Divide());
+  std::printf("divides %d misnamed %d flags lost %d\n", g_divides.load(), g_misnamed.load(), g_flagsLost.load());
 }
 
 // ---- a handler installed before the library's ----
@@ -156,6 +217,27 @@ void TwoReportsScenario() {
   Say("recovered twice\n");
 }
 
+// ---- a handler installed after the library's ----
+struct sigaction g_libraryAction;
+void ChainBack(int sig, siginfo_t* info, void* context) {
+  Say("client\n");
+  g_libraryAction.sa_sigaction(sig, info, context);
+}
+
+// The client takes the fault signal over, chaining back to the library's
+// handler; the library is then taken down and brought up again.
+void TakenOverScenario() {
+  Setup();
+  struct sigaction action {};
+  action.sa_sigaction = ChainBack;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGSEGV, &action, &g_libraryAction);
+  int depth = 1;
+  UTI_CoreUtils_finalize(depth);
+  UTI_CoreUtils_initialize(depth);
+  NullDeref();
+}
+
 constexpr zmx_probe::Scenario kScenarios[] = {
     {"null", NullScenario},
     {"overflow", OverflowScenario},
@@ -167,6 +249,9 @@ constexpr zmx_probe::Scenario kScenarios[] = {
     {"resume", ResumeScenario},
     {"dispatch", DispatchScenario},
     {"two_reports", TwoReportsScenario},
+    {"float_continue", FloatContinueScenario},
+    {"two_threads", TwoThreadsScenario},
+    {"taken_over", TakenOverScenario},
 };
 
 }  // namespace
