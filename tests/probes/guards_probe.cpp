@@ -167,7 +167,7 @@ struct Slot {
 };
 
 bool Matches(const Slot& s) {
-  return s.block == nullptr || std::memcmp(s.block, s.model.data(), s.model.size()) == 0;
+  return s.block == nullptr || s.model.empty() || std::memcmp(s.block, s.model.data(), s.model.size()) == 0;
 }
 
 void Fill(Slot& s, Rng& rng, std::size_t from) {
@@ -192,7 +192,7 @@ void Step(Slot& s, Rng& rng) {
       const std::size_t kept = s.model.size() < size ? s.model.size() : size;
       s.block = static_cast<unsigned char*>(mem_Realloc(s.block, size));
       s.model.resize(size);
-      if (std::memcmp(s.block, s.model.data(), kept) != 0) std::printf("moved bytes lost\n");
+      if (kept != 0 && std::memcmp(s.block, s.model.data(), kept) != 0) std::printf("moved bytes lost\n");
       Fill(s, rng, kept);
       break;
     }
