@@ -2,13 +2,16 @@
 // since the allocator is chosen once per process) and for the memory-fault
 // exercisers. Scenarios print the addresses the guards should name, so the
 // test can compare standard error byte for byte.
+#include <dlfcn.h>
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "ZMXUTI_CoreUtils.h"
@@ -152,63 +155,45 @@ void Operators() {
 
 // ---------------------------------------------------------- randomized run
 
-struct Rng {
-  std::uint64_t state;
-  std::uint32_t Next() {
-    state = state * 6364136223846793005ull + 1442695040888963407ull;
-    return static_cast<std::uint32_t>(state >> 33);
-  }
-  std::uint32_t Below(std::uint32_t n) { return Next() % n; }
-};
-
+// A block and what it must hold.
 struct Slot {
   unsigned char* block = nullptr;
   std::vector<unsigned char> model;
 };
 
 bool Matches(const Slot& s) {
-  return s.block == nullptr || s.model.empty() || std::memcmp(s.block, s.model.data(), s.model.size()) == 0;
+  return s.model.empty() || std::memcmp(s.block, s.model.data(), s.model.size()) == 0;
 }
 
-void Fill(Slot& s, Rng& rng, std::size_t from) {
-  for (std::size_t i = from; i < s.model.size(); ++i) s.block[i] = s.model[i] = static_cast<unsigned char>(rng.Next());
-}
-
-void Step(Slot& s, Rng& rng) {
-  const std::size_t size = rng.Below(4) == 0 ? rng.Below(5000) : rng.Below(300);
-  switch (s.block == nullptr ? rng.Below(2) : 2 + rng.Below(2)) {
-    case 0:
-      s.block = static_cast<unsigned char*>(mem_Malloc(size));
-      s.model.assign(size, 0);
-      Fill(s, rng, 0);
-      break;
+// Allocates, zero-allocates, moves or frees one slot; fresh bytes get random content.
+void Step(Slot& s, std::mt19937& rng) {
+  std::size_t size = rng() % 4 == 0 ? rng() % 5000 : rng() % 300;
+  const std::size_t kept = std::min(size, s.model.size());
+  switch (s.block == nullptr ? rng() % 2 : 2 + rng() % 2) {
+    case 0: s.block = static_cast<unsigned char*>(mem_Malloc(size)); break;
     case 1: {
-      const std::size_t count = 1 + rng.Below(8);
-      s.block = static_cast<unsigned char*>(mem_Calloc(count, 1 + size % 40));
-      s.model.assign(count * (1 + size % 40), 0);  // must arrive zeroed
-      break;
+      const std::size_t count = 1 + size % 8, each = 1 + size % 40;
+      s.block = static_cast<unsigned char*>(mem_Calloc(count, each));
+      s.model.assign(count * each, 0);  // must arrive zeroed
+      return;
     }
-    case 2: {
-      const std::size_t kept = s.model.size() < size ? s.model.size() : size;
-      s.block = static_cast<unsigned char*>(mem_Realloc(s.block, size));
-      s.model.resize(size);
-      if (kept != 0 && std::memcmp(s.block, s.model.data(), kept) != 0) std::printf("moved bytes lost\n");
-      Fill(s, rng, kept);
-      break;
-    }
+    case 2: s.block = static_cast<unsigned char*>(mem_Realloc(s.block, size)); break;
     default:
       mem_Free(s.block);
       s = Slot();
+      return;
   }
+  s.model.resize(size);
+  for (std::size_t i = kept; i < size; ++i) s.block[i] = s.model[i] = static_cast<unsigned char>(rng());
 }
 
 void Randomized() {
   Up();
-  Rng rng{std::strtoull(zmx_probe::Arg(2), nullptr, 10)};
+  std::mt19937 rng(static_cast<unsigned>(std::strtoul(zmx_probe::Arg(2), nullptr, 10)));
   std::vector<Slot> slots(64);
   int bad = 0;
   for (int op = 0; op < 20000; ++op) {
-    Slot& s = slots[rng.Below(64)];
+    Slot& s = slots[rng() % slots.size()];
     Step(s, rng);
     bad += !Matches(s);
   }
@@ -221,36 +206,13 @@ void Randomized() {
 
 // ---------------------------------------------------------------- exercisers
 
-struct Exerciser {
-  const char* name;
-  void (*run)();
-};
-
-const Exerciser kExercisers[] = {
-    {"mem_heap_overwrite1", mem_heap_overwrite1},
-    {"mem_heap_underwrite1", mem_heap_underwrite1},
-    {"mem_heap_read_after_free1", mem_heap_read_after_free1},
-    {"mem_heap_write_after_free1", mem_heap_write_after_free1},
-    {"mem_heap_double_free1", mem_heap_double_free1},
-    {"mem_heap_umr1", mem_heap_umr1},
-    {"mem_heap_leak1", mem_heap_leak1},
-    {"mem_heap_mismatch_array_delete1", mem_heap_mismatch_array_delete1},
-    {"mem_heap_mismatch_malloc_delete1", mem_heap_mismatch_malloc_delete1},
-    {"mem_stack_umr01", mem_stack_umr01},
-    {"mem_stack_corruption01", mem_stack_corruption01},
-};
-
-// Runs the exerciser named by the second argument; "returned" tells it came back.
+// Runs the exported exerciser named by the second argument; "returned" tells it came back.
 void Exercise() {
   Up();
-  for (const Exerciser& e : kExercisers) {
-    if (std::strcmp(e.name, zmx_probe::Arg(2)) != 0) continue;
-    e.run();
-    std::printf("returned\n");
-    return;
-  }
-  std::printf("no exerciser %s\n", zmx_probe::Arg(2));
-  std::exit(3);
+  auto* exerciser = reinterpret_cast<void (*)()>(dlsym(RTLD_DEFAULT, zmx_probe::Arg(2)));
+  if (exerciser == nullptr) std::exit(3);
+  exerciser();
+  std::printf("returned\n");
 }
 
 }  // namespace
