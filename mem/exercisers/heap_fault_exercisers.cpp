@@ -2,8 +2,8 @@
 // uninitialised read, leak and mismatched release, each on blocks from the
 // front door.
 #include "mem/allocation.h"
-#include "mem/exercisers/fault_exerciser_support.h"
 #include "mem/exercisers/fault_exercisers.h"
+#include "mem/exercisers/internal/fault_exerciser_support.h"
 
 namespace zmx {
 namespace mem_internal {

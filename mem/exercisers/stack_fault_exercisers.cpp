@@ -1,8 +1,8 @@
 // Stack fault exercisers. This file alone is built with the stack protector,
 // so that the overrun is caught when its function returns.
 #include "mem/diagnostics/protection_page.h"
-#include "mem/exercisers/fault_exerciser_support.h"
 #include "mem/exercisers/fault_exercisers.h"
+#include "mem/exercisers/internal/fault_exerciser_support.h"
 
 using zmx::mem_internal::NoteUninitialisedDecision;
 using zmx::mem_internal::Opaque;

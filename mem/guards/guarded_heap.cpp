@@ -1,6 +1,6 @@
 // The guarded runtime heap: dressing runtime blocks with a size word and two
 // guard patterns, and testing the guards when a block is freed or moved.
-#include "mem/guards/guarded_heap.h"
+#include "mem/guards/internal/guarded_heap.h"
 
 #include <malloc.h>
 

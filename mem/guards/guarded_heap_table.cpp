@@ -1,6 +1,6 @@
 // The guarded runtime heap filling of the allocation table (ZEM_DEADBEEF):
 // guarded allocation slots, do-nothing query slots.
-#include "mem/guards/guarded_heap.h"
+#include "mem/guards/internal/guarded_heap.h"
 #include "mem/internal/alloc_table.h"
 #include "mem/internal/runtime_heap.h"
 

@@ -1,7 +1,7 @@
 // What the fault exercisers share: keeping the compiler's hands off the
 // faults they commit on purpose.
-#ifndef ZMXUTI_MEM_EXERCISERS_FAULT_EXERCISER_SUPPORT_H
-#define ZMXUTI_MEM_EXERCISERS_FAULT_EXERCISER_SUPPORT_H
+#ifndef ZMXUTI_MEM_EXERCISERS_INTERNAL_FAULT_EXERCISER_SUPPORT_H
+#define ZMXUTI_MEM_EXERCISERS_INTERNAL_FAULT_EXERCISER_SUPPORT_H
 
 #include "core/export.h"
 
@@ -28,4 +28,4 @@ void NoteUninitialisedDecision();
 }  // namespace mem_internal
 }  // namespace zmx
 
-#endif  // ZMXUTI_MEM_EXERCISERS_FAULT_EXERCISER_SUPPORT_H
+#endif  // ZMXUTI_MEM_EXERCISERS_INTERNAL_FAULT_EXERCISER_SUPPORT_H

@@ -9,8 +9,8 @@
 // A damaged guard is reported on stderr when the block is freed or
 // reallocated ("FREE:memory overwrite detected at 0x%x front end\n" and its
 // kin, the address's low 32 bits) and the program goes on.
-#ifndef ZMXUTI_MEM_GUARDS_GUARDED_HEAP_H
-#define ZMXUTI_MEM_GUARDS_GUARDED_HEAP_H
+#ifndef ZMXUTI_MEM_GUARDS_INTERNAL_GUARDED_HEAP_H
+#define ZMXUTI_MEM_GUARDS_INTERNAL_GUARDED_HEAP_H
 
 #include <cstddef>
 
@@ -41,4 +41,4 @@ void* GuardedMemalign(std::size_t alignment, std::size_t size);
 }  // namespace mem_internal
 }  // namespace zmx
 
-#endif  // ZMXUTI_MEM_GUARDS_GUARDED_HEAP_H
+#endif  // ZMXUTI_MEM_GUARDS_INTERNAL_GUARDED_HEAP_H
