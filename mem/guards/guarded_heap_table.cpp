@@ -1,5 +1,6 @@
-// The guarded runtime heap filling of the allocation table (ZEM_DEADBEEF).
-// The overwrite guards are not in place yet: the slots serve the runtime heap.
+// The guarded runtime heap filling of the allocation table (ZEM_DEADBEEF):
+// guarded allocation slots, do-nothing query slots.
+#include "mem/guards/internal/guarded_heap.h"
 #include "mem/internal/alloc_table.h"
 #include "mem/internal/runtime_heap.h"
 
@@ -7,9 +8,9 @@ namespace zmx {
 namespace mem_internal {
 
 const AllocTable kGuardedHeapTable = {
-    RuntimeMalloc, RuntimeCalloc, RuntimeRealloc, RuntimeFree, NoTrim,  NoMallopt,
+    GuardedMalloc, GuardedCalloc, GuardedRealloc, GuardedFree, NoTrim,   NoMallopt,
     NoSize,        NoSize,        NoSize,         NoMallinfo,  NoStatus, NoSize,
-    RuntimeMemalign,
+    GuardedMemalign,
 };
 
 }  // namespace mem_internal
