@@ -16,6 +16,7 @@
 #include "mem/pools/cache_pool.h"
 #include "mem/tracker/hashes.h"
 #include "mem/tracker/tracker.h"
+#include "mem/diagnostics/diagnostics.h"
 
 #include "streams/ios.h"
 #include "streams/istream.h"
