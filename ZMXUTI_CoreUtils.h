@@ -8,6 +8,8 @@
 #include "core/fpe.h"
 #include "core/alerts.h"
 #include "core/crash_report.h"
+#include "core/fortran_strings.h"
+#include "core/numeric_helpers.h"
 
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
