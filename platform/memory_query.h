@@ -11,6 +11,8 @@
 
 #include <cstdint>
 
+#include "core/export.h"
+
 namespace zmx {
 namespace platform {
 
@@ -43,7 +45,7 @@ struct Region {
 //    of the same file (or of anonymous memory) that holds the region.
 // False when the address lies outside the user address space or the map
 // cannot be read.
-bool QueryRegion(std::uint64_t address, Region& region);
+ZMXUTI_INTERNAL_API bool QueryRegion(std::uint64_t address, Region& region);
 
 // The runtime (C library) heap's totals, in bytes.
 struct RuntimeHeapTotals {
