@@ -4,7 +4,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -85,6 +84,7 @@ TEST(Diagnostics, ScanStopsAtTheRegionThatCrossesTwoGigabytesWhateverTheLimit) {
     std::string expected;
   } cases[] = {
       {"0", "0xFFFFFFFFFFFFFFFF", compact},
+      {"ifc", "", compact},
       {"0", "0x7FFFFFFF", compact},
       {"1", "0x7FFFFFFF", std::string(kFirstFree) + kSecondFree + longSummary},
       {"2", "0x7FFFFFFF", longSummary},
@@ -100,27 +100,6 @@ TEST(Diagnostics, ScanStopsAtTheRegionThatCrossesTwoGigabytesWhateverTheLimit) {
     ASSERT_EQ(result.out, "reserved\n") << "the probe could not map its stretches";
     EXPECT_EQ(result.err, c.expected) << c.level << " " << c.limit;
   }
-}
-
-TEST(Diagnostics, ScanInterfaceWalksContiguousRegionsAndSumsThem) {
-  const std::string err = Probe("scan_interface", {}).err;
-  std::istringstream in(err);
-  std::string line;
-  std::uint64_t expectedAddress = 0, free = 0, regions = 0;
-  while (std::getline(in, line) && !line.empty()) {
-    unsigned address = 0;
-    char state[16] = {}, type[16] = {};
-    long long size = 0;
-    ASSERT_EQ(std::sscanf(line.c_str(), "%x  --  State = %15s  --  Type = %15s  --  RegionSize = %lld", &address,
-                          state, type, &size), 4) << line;
-    EXPECT_EQ(address, expectedAddress & 0xFFFFFFFFu) << line;
-    if (std::string(state) == "MEM_FREE") free += static_cast<std::uint64_t>(size);
-    expectedAddress += static_cast<std::uint64_t>(size);
-    ++regions;
-  }
-  EXPECT_GE(regions, 1u);
-  EXPECT_NE(err.find("   Free Memory      = " + std::to_string(free) + "   Committed Memory = "), std::string::npos)
-      << err;
 }
 
 // Maps `pages` anonymous pages with `protection`; unmapped by the test.

@@ -25,10 +25,12 @@ MEM_SCAN_LEVEL_ENM LevelArg() { return static_cast<MEM_SCAN_LEVEL_ENM>(std::atoi
 // Arguments: level, limit.
 void Scan() {
   zmx_probe::BringUp(UTI_CoreUtils_initialize);
-  mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
+  if (std::strcmp(zmx_probe::Arg(2), "ifc") == 0) MEM_SCANMEMORY_IFC();
+  else mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
 }
 
-// Arguments: level, limit. Prints "reserved" on stdout once the stretches are in place.
+// Arguments: level, limit; or "ifc" for the entry point without arguments.
+// Prints "reserved" on stdout once the stretches are in place.
 void ScanAroundReservations() {
   zmx_probe::BringUp(UTI_CoreUtils_initialize);
   for (const Stretch& s : kStretches) {
@@ -38,12 +40,8 @@ void ScanAroundReservations() {
   }
   std::printf("reserved\n");
   std::fflush(stdout);
-  mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
-}
-
-void ScanInterface() {
-  zmx_probe::BringUp(UTI_CoreUtils_initialize);
-  MEM_SCANMEMORY_IFC();
+  if (std::strcmp(zmx_probe::Arg(2), "ifc") == 0) MEM_SCANMEMORY_IFC();
+  else mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
 }
 
 void FinalizeOnly() { mem_Debugger::Finalize(); }
@@ -89,7 +87,6 @@ int main(int argc, char** argv) {
   static const zmx_probe::Scenario scenarios[] = {
       {"scan", Scan},
       {"scan_reserved", ScanAroundReservations},
-      {"scan_interface", ScanInterface},
       {"debugger_finalize_only", FinalizeOnly},
       {"debugger_life_cycle", DebuggerLifeCycle},
       {"snapshot", Snapshot},
