@@ -8,6 +8,8 @@
 #include "core/fpe.h"
 #include "core/alerts.h"
 #include "core/crash_report.h"
+#include "core/fortran_strings.h"
+#include "core/numeric_helpers.h"
 
 #include "mem/allocation.h"
 #include "mem/general_heap.h"
@@ -16,6 +18,7 @@
 #include "mem/pools/cache_pool.h"
 #include "mem/tracker/hashes.h"
 #include "mem/tracker/tracker.h"
+#include "mem/diagnostics/diagnostics.h"
 #include "mem/exercisers/fault_exercisers.h"
 
 #include "streams/ios.h"

@@ -1,0 +1,95 @@
+// Fresh-process scenarios for the memory diagnostics: scans at each level
+// (optionally around a reserved stretch this probe maps below 2 GiB), the
+// debugger's life-cycle texts, and heap snapshots under the chosen heap.
+#include <sys/mman.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "ZMXUTI_CoreUtils.h"
+#include "probes/probe_main.h"
+
+namespace {
+
+// Inaccessible stretches the probe maps: one at 1 GiB, one across the 2 GiB line.
+struct Stretch {
+  std::uintptr_t at;
+  std::size_t size;
+};
+constexpr Stretch kStretches[] = {{0x40000000, 0x30000}, {0x7FFE0000, 0x30000}};
+
+MEM_SCAN_LEVEL_ENM LevelArg() { return static_cast<MEM_SCAN_LEVEL_ENM>(std::atoi(zmx_probe::Arg(2))); }
+
+// Arguments: level, limit.
+void Scan() {
+  zmx_probe::BringUp(UTI_CoreUtils_initialize);
+  if (std::strcmp(zmx_probe::Arg(2), "ifc") == 0) MEM_SCANMEMORY_IFC();
+  else mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
+}
+
+// Arguments: level, limit; or "ifc" for the entry point without arguments.
+// Prints "reserved" on stdout once the stretches are in place.
+void ScanAroundReservations() {
+  zmx_probe::BringUp(UTI_CoreUtils_initialize);
+  for (const Stretch& s : kStretches) {
+    void* p = mmap(reinterpret_cast<void*>(s.at), s.size, PROT_NONE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    if (p != reinterpret_cast<void*>(s.at)) return;
+  }
+  std::printf("reserved\n");
+  std::fflush(stdout);
+  if (std::strcmp(zmx_probe::Arg(2), "ifc") == 0) MEM_SCANMEMORY_IFC();
+  else mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
+}
+
+void FinalizeOnly() { mem_Debugger::Finalize(); }
+
+void DebuggerLifeCycle() {
+  zmx_probe::BringUp(UTI_CoreUtils_initialize);
+  mem_Debugger::Initialize();
+  mem_Debugger& first = mem_Debugger::Instance();
+  mem_Debugger::Initialize();
+  std::printf("same %d\n", &first == &mem_Debugger::Instance() ? 1 : 0);
+  mem_Debugger::Finalize();
+  mem_Debugger::Finalize();
+  mem_Debugger::Instance();
+  mem_Debugger::Finalize();
+}
+
+void PrintSnapshot(const char* label) {
+  const mem_Mallinfo info;
+  std::printf("%s %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 "\n", label, info.committed, info.inUse,
+              info.free, info.reserved);
+}
+
+// Prints the snapshot and the footprint, allocates `count` blocks of `bytes`
+// (arguments 2 and 3), prints both again, releases the blocks and prints once more.
+void Snapshot() {
+  zmx_probe::BringUp(UTI_CoreUtils_initialize);
+  const int count = std::atoi(zmx_probe::Arg(2));
+  const std::size_t bytes = std::strtoull(zmx_probe::Arg(3), nullptr, 0);
+  static void* blocks[256];
+  if (count < 0 || count > 256) return;
+  std::printf("footprint %zu\n", mem_Footprint());
+  PrintSnapshot("before");
+  for (int i = 0; i < count; ++i) blocks[i] = mem_Malloc(bytes);
+  std::printf("footprint %zu\n", mem_Footprint());
+  PrintSnapshot("holding");
+  for (int i = 0; i < count; ++i) mem_Free(blocks[i]);
+  PrintSnapshot("released");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  static const zmx_probe::Scenario scenarios[] = {
+      {"scan", Scan},
+      {"scan_reserved", ScanAroundReservations},
+      {"debugger_finalize_only", FinalizeOnly},
+      {"debugger_life_cycle", DebuggerLifeCycle},
+      {"snapshot", Snapshot},
+  };
+  return zmx_probe::Dispatch(argc, argv, scenarios);
+}
