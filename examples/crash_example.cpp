@@ -2,6 +2,7 @@
 // work, an octree of element boxes queried along a segment, and, with
 // --crash, a fault deep in the element lookup that the crash reporter writes
 // up as <program>.dmp in the current directory (when ZEM_PATH is set).
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -17,7 +18,8 @@ struct Element {
 
 struct Mesh {
   std::vector<Element> elements;
-  const Element* damaged = nullptr;  // what a corrupted connectivity table would hand out
+  // What a corrupted connectivity table would hand out: an address in the unmapped first page.
+  const Element* damaged = reinterpret_cast<const Element*>(std::uintptr_t{0x40});
 };
 
 void ElementBox(void* user, unsigned int item, float* const min, float* const max) {
