@@ -63,6 +63,7 @@ TEST(GuardedHeap, ReportsExactlyTheBrokenGuardsAndGoesOn) {
       // The moved block has fresh guards: freeing it says nothing.
       {"front_underrun_realloc", kGuarded, {reallocFront}, "kept 1\n"},
       {"both_ends", kGuarded, {freeFront, freeBack}, ""},
+      {"damaged_size", kGuarded, {freeBack, freeBack}, ""},
       // new[]/delete[], an over-aligned new/delete and a realloc of that block.
       {"operators", kGuarded, {freeBack, freeFront, freeBack}, "aligned=1\n"},
       {"quiet", kGuarded, {}, "usedl=0 footprint=0\n"},
