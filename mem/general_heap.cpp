@@ -118,7 +118,8 @@ __attribute__((always_inline)) inline void Heap::ReleaseChunkInline(Chunk* p, si
       return;
     }
   }
-  Require(reinterpret_cast<char*>(next) > reinterpret_cast<char*>(p) && Pinuse(next),
+  // A damaged size word must not send the read of the next header out of the heap.
+  Require(reinterpret_cast<char*>(next) > reinterpret_cast<char*>(p) && OkAddress(next) && Pinuse(next),
           "chunk after a freed block is damaged");
   if (!Cinuse(next)) {
     if (next == top) {
@@ -175,7 +176,7 @@ Chunk* Heap::ResizeInPlace(Chunk* p, size_t nb) {
   if (IsMapped(p)) return ResizeMapped(p, nb);
   const size_t oldSize = ChunkSize(p);
   Chunk* next = ChunkAt(p, oldSize);
-  Require(reinterpret_cast<char*>(next) > reinterpret_cast<char*>(p) && Pinuse(next),
+  Require(reinterpret_cast<char*>(next) > reinterpret_cast<char*>(p) && OkAddress(next) && Pinuse(next),
           "chunk after a reallocated block is damaged");
   if (oldSize >= nb) {
     const size_t rsize = oldSize - nb;

@@ -13,8 +13,9 @@
 
 #include "core/export.h"
 
-// Which region lines a scan prints; every level ends with the summary.
-enum MEM_SCAN_LEVEL_ENM {
+// Which region lines a scan prints; every level ends with the summary. The
+// underlying type is fixed so that any int is a valid level.
+enum MEM_SCAN_LEVEL_ENM : int {
   MEM_SCAN_ALL = 0,      // every region, and the compact summary
   MEM_SCAN_FREE = 1,     // free regions only; summary one figure per line
   MEM_SCAN_SUMMARY = 2   // (or any other value) the summary alone, one figure per line

@@ -2,8 +2,9 @@
 // purpose, so that a memory checker (valgrind memcheck, the guarded heap of
 // ZEM_DEADBEEF, the compiler's stack protector) can be tried on it. Blocks come
 // through the library's front door, as a client's would. Calling one damages
-// the process in the way its name says; some end it (a double free on the
-// runtime heap, the stack overrun under the stack protector).
+// the process in the way its name says; some end it (a double free, an
+// underwrite on the general heap, which aborts with its corruption message,
+// the stack overrun under the stack protector).
 //
 //   ZMX_CRTMALLOC=1 valgrind ./program        # memcheck names the fault
 //   ZEM_DEADBEEF=1 ./program                  # the guards report overruns

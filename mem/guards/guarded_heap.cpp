@@ -24,7 +24,11 @@ static_assert(sizeof(kGuardPattern) == kGuardBytes + 1, "the guard is sixteen ch
 // can be served), and the word in front of the size word holds the distance
 // back to the runtime block, scrambled with the block's own address so that
 // a size word damaged by a stray write is not taken for an aligned block.
+// Plain blocks start 24 bytes into a 16-aligned runtime block, aligned ones on
+// a 16-byte boundary: only the latter are asked for the word in front, so a
+// plain block's damaged size word never leads to a read before its runtime block.
 constexpr std::uint64_t kAlignedMark = std::uint64_t{1} << 63;
+constexpr std::uintptr_t kAlignedBoundary = 16;
 constexpr std::uint64_t kOffsetKey = 0x5A17ED0FF5E7C0DEull;
 constexpr std::size_t kAlignedFrontBytes = 8 + kGuardFrontBytes;  // 32
 
@@ -57,7 +61,7 @@ struct Located {
 
 Located Locate(Byte* user) {
   const std::uint64_t word = LoadWord(user - kGuardFrontBytes);
-  if ((word & kAlignedMark) != 0) {
+  if ((word & kAlignedMark) != 0 && reinterpret_cast<std::uintptr_t>(user) % kAlignedBoundary == 0) {
     const std::uint64_t offset = OffsetCode(user, LoadWord(user - kAlignedFrontBytes));
     const bool plausible = offset >= kAlignedFrontBytes && (offset & (offset - 1)) == 0 &&
                            offset <= reinterpret_cast<std::uintptr_t>(user);
@@ -73,8 +77,9 @@ std::size_t Room(const Located& block, const Byte* user) {
   return usable > front ? usable - front : 0;
 }
 
-void ReportOverwrite(Caller caller, bool frontEnd, const void* at) {
-  const unsigned low = static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(at));
+// `at` is an integer: a damaged size word may name an address no pointer may hold.
+void ReportOverwrite(Caller caller, bool frontEnd, std::uintptr_t at) {
+  const unsigned low = static_cast<unsigned>(at);
   if (caller == Caller::kFree) {
     if (frontEnd)
       std::fprintf(stderr, "FREE:memory overwrite detected at 0x%x front end\n", low);
@@ -95,11 +100,11 @@ void ReportOverwrite(Caller caller, bool frontEnd, const void* at) {
 Located CheckGuards(Byte* user, Caller caller) {
   const Located block = Locate(user);
   if (std::memcmp(user - kGuardBytes, kGuardPattern, kGuardBytes) != 0)
-    ReportOverwrite(caller, true, user - kGuardBytes);
+    ReportOverwrite(caller, true, reinterpret_cast<std::uintptr_t>(user - kGuardBytes));
   const std::size_t room = Room(block, user);
   const bool backInside = room >= kGuardBytes && block.size <= room - kGuardBytes;
   if (!backInside || std::memcmp(user + block.size, kGuardPattern, kGuardBytes) != 0)
-    ReportOverwrite(caller, false, user + block.size);
+    ReportOverwrite(caller, false, reinterpret_cast<std::uintptr_t>(user) + block.size);
   return block;
 }
 

@@ -4,12 +4,8 @@
 // zero-size calloc fault.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -63,6 +59,7 @@ TEST(GuardedHeap, ReportsExactlyTheBrokenGuardsAndGoesOn) {
       // The moved block has fresh guards: freeing it says nothing.
       {"front_underrun_realloc", kGuarded, {reallocFront}, "kept 1\n"},
       {"both_ends", kGuarded, {freeFront, freeBack}, ""},
+      {"damaged_size", kGuarded, {freeBack, freeBack}, ""},
       // new[]/delete[], an over-aligned new/delete and a realloc of that block.
       {"operators", kGuarded, {freeBack, freeFront, freeBack}, "aligned=1\n"},
       {"quiet", kGuarded, {}, "usedl=0 footprint=0\n"},
@@ -91,26 +88,10 @@ TEST(GuardedHeap, ReportsExactlyTheBrokenGuardsAndGoesOn) {
   }
 }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 TEST(GuardedHeap, CallocOfSizeZeroDiesOfAnIntegerDivisionFault) {
-  char folder[] = "/tmp/zmx_guards_XXXXXX";
-  ASSERT_NE(mkdtemp(folder), nullptr);
-  EnvVars env = kGuarded;
-  env.emplace_back("ZEM_PATH", folder);
-  const ChildResult r = RunProbe("guards_probe", "calloc_zero_size", env, {folder});
-  const std::string report = std::string(folder) + "/guards_probe.dmp";
-  const std::string text = ReadFile(report);
-  std::remove(report.c_str());
-  rmdir(folder);
+  const ChildResult r = RunProbe("guards_probe", "calloc_zero_size", kGuarded);
   EXPECT_EQ(r.signal, SIGFPE) << Describe(r);
-  EXPECT_EQ(r.out, "");
-  EXPECT_NE(text.substr(0, text.find('\n')).find("EXCEPTION_INT_DIVIDE_BY_ZERO"), std::string::npos) << text;
+  EXPECT_EQ(r.out, "integer division\n");
 }
 
 }  // namespace

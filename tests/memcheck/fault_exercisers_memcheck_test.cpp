@@ -53,23 +53,40 @@ std::string FindValgrind() {
   return "";
 }
 
+// Runs guards_probe with `probeArgs` under memcheck; errors end it with status 99.
+ChildResult RunUnderMemcheck(const std::string& valgrind, const char* operatorSynonyms,
+                             const std::vector<std::string>& probeArgs, const zmx_test::EnvVars& env) {
+  std::vector<std::string> args = {"-q", "--error-exitcode=99", "--leak-check=full",
+                                   std::string("--soname-synonyms=somalloc=") + operatorSynonyms,
+                                   std::string("--suppressions=") + ZMX_SOURCE_DIR + "/tools/valgrind.supp",
+                                   std::string(ZMX_PROBE_DIR) + "/guards_probe"};
+  args.insert(args.end(), probeArgs.begin(), probeArgs.end());
+  return zmx_test::RunProgram(valgrind, args, env);
+}
+
 class MemcheckNamesTheFault : public ::testing::TestWithParam<Case> {};
 
 TEST_P(MemcheckNamesTheFault, OfEachExerciser) {
   const std::string valgrind = FindValgrind();
   if (valgrind.empty()) GTEST_SKIP() << "valgrind is not installed";
   const Case& c = GetParam();
-  const std::vector<std::string> args = {
-      "-q", "--error-exitcode=99", "--leak-check=full",
-      c.memcheckServesOperators ? "--soname-synonyms=somalloc=libZMXUTI_CoreUtils.so*"
-                                : "--soname-synonyms=somalloc=nouserintercepts",
-      std::string("--suppressions=") + ZMX_SOURCE_DIR + "/tools/valgrind.supp",
-      std::string(ZMX_PROBE_DIR) + "/guards_probe", "exercise", c.exerciser};
-  const ChildResult r = zmx_test::RunProgram(valgrind, args, {{"ZMX_CRTMALLOC", "1"}});
+  const ChildResult r =
+      RunUnderMemcheck(valgrind, c.memcheckServesOperators ? "libZMXUTI_CoreUtils.so*" : "nouserintercepts",
+                       {"exercise", c.exerciser}, {{"ZMX_CRTMALLOC", "1"}});
   EXPECT_TRUE(r.exited && r.exitCode == 99) << Describe(r);
   EXPECT_NE(r.err.find(c.fault), std::string::npos) << r.err;
   EXPECT_NE(r.err.find(c.detail), std::string::npos) << r.err;
   EXPECT_NE(r.out.find("returned\n"), std::string::npos) << r.out;
+}
+
+// Damaged size words send the guarded heap's back check astray; it must still
+// read nothing outside the runtime blocks it handed out.
+TEST(GuardedHeapUnderMemcheck, DamagedSizeWordsReadNothingOutsideTheBlocks) {
+  const std::string valgrind = FindValgrind();
+  if (valgrind.empty()) GTEST_SKIP() << "valgrind is not installed";
+  const ChildResult r = RunUnderMemcheck(valgrind, "nouserintercepts", {"damaged_size"}, {{"ZEM_DEADBEEF", "1"}});
+  EXPECT_TRUE(r.exited && r.exitCode == 0) << Describe(r);
+  EXPECT_EQ(r.err.find("Invalid"), std::string::npos) << r.err;
 }
 
 // Printing a case names its exerciser, which ctest then shows in the test's name.

@@ -1,8 +1,9 @@
 // Fresh-process scenarios for the memory diagnostics: scans at each level
-// (optionally around a reserved stretch this probe maps below 2 GiB), the
+// (optionally around stretches this probe maps below 2 GiB), the
 // debugger's life-cycle texts, and heap snapshots under the chosen heap.
 #include <sys/mman.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -13,12 +14,15 @@
 
 namespace {
 
-// Inaccessible stretches the probe maps: one at 1 GiB, one across the 2 GiB line.
+// Stretches the probe maps: inaccessible ones at 1 GiB and across the 2 GiB
+// line, a readable one at 1.5 GiB.
 struct Stretch {
   std::uintptr_t at;
   std::size_t size;
+  int protection;
 };
-constexpr Stretch kStretches[] = {{0x40000000, 0x30000}, {0x7FFE0000, 0x30000}};
+constexpr Stretch kStretches[] = {
+    {0x40000000, 0x30000, PROT_NONE}, {0x60000000, 0x10000, PROT_READ}, {0x7FFE0000, 0x30000, PROT_NONE}};
 
 MEM_SCAN_LEVEL_ENM LevelArg() { return static_cast<MEM_SCAN_LEVEL_ENM>(std::atoi(zmx_probe::Arg(2))); }
 
@@ -29,14 +33,29 @@ void Scan() {
   else mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
 }
 
+// Maps `size` bytes exactly at `at`, never over an existing
+// mapping; false (with the reason printed) when the kernel will not.
+bool MapExactly(std::uintptr_t at, std::size_t size, int protection, const char* what) {
+  void* p = mmap(reinterpret_cast<void*>(at), size, protection,
+                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
+  if (p == reinterpret_cast<void*>(at)) return true;
+  // Kernels before 4.17 take the flag for a hint and may place the mapping elsewhere.
+  if (p != MAP_FAILED) munmap(p, size);
+  std::printf("refused: %s at %#lx: %s\n", what, static_cast<unsigned long>(at),
+              p == MAP_FAILED ? std::strerror(errno) : "placed elsewhere");
+  return false;
+}
+
 // Arguments: level, limit; or "ifc" for the entry point without arguments.
-// Prints "reserved" on stdout once the stretches are in place.
+// Prints "reserved" on stdout once the stretches are in place, or why not.
 void ScanAroundReservations() {
   zmx_probe::BringUp(UTI_CoreUtils_initialize);
+  // The expected lines assume nothing else below the second stretch's end.
+  constexpr std::uintptr_t kLow = 0x10000, kHigh = 0x80010000;
+  if (!MapExactly(kLow, kHigh - kLow, PROT_NONE, "an empty low address space")) return;
+  munmap(reinterpret_cast<void*>(kLow), kHigh - kLow);
   for (const Stretch& s : kStretches) {
-    void* p = mmap(reinterpret_cast<void*>(s.at), s.size, PROT_NONE,
-                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-    if (p != reinterpret_cast<void*>(s.at)) return;
+    if (!MapExactly(s.at, s.size, s.protection, "a stretch")) return;
   }
   std::printf("reserved\n");
   std::fflush(stdout);

@@ -224,6 +224,24 @@ void DoubleFree() {
   Show("survived", keep != nullptr && keep2 != nullptr);
 }
 
+// A stray byte written over the top of a block's size word, found by free
+// (the library's own exerciser) or by realloc.
+void UnderwriteThenFree() {
+  Up();
+  std::fflush(stdout);
+  mem_heap_underwrite1();
+  Show("survived", 1);
+}
+
+void UnderwriteThenRealloc() {
+  Up();
+  void* keep = dlmalloc(200);
+  char* block = static_cast<char*>(dlmalloc(10));
+  block[-1] = 'X';
+  std::fflush(stdout);
+  Show("survived", dlrealloc(block, 100) != nullptr && keep != nullptr);
+}
+
 // Frees of pointers the heap never handed out. Each must stop the process with
 // the heap's message before anything is written or given back to the system.
 alignas(4096) unsigned char g_zeroPage[8192];
@@ -272,7 +290,8 @@ void FreeBeforeAnyAllocation() {
 const zmx_probe::Scenario kScenarios[] = {
     {"limit_boundary", LimitBoundary}, {"limit_lag", LimitLag},
     {"limit_recovery", LimitRecovery}, {"front_door_limit", FrontDoorLimit},
-    {"first_fragmentation", FirstFragmentation}, {"double_free", DoubleFree}, {"first_request_large", FirstRequestLarge}, {"mapped_growth_status", MappedGrowthStatus},
+    {"first_fragmentation", FirstFragmentation}, {"double_free", DoubleFree},
+    {"underwrite_free", UnderwriteThenFree}, {"underwrite_realloc", UnderwriteThenRealloc}, {"first_request_large", FirstRequestLarge}, {"mapped_growth_status", MappedGrowthStatus},
     {"free_stack_pointer", FreeOfStackPointer}, {"free_zeroed_static", FreeOfZeroedStatic},
     {"free_runtime_block", FreeOfRuntimeBlock},
     {"free_interior_pointer", FreeOfInteriorPointer}, {"free_before_any_allocation", FreeBeforeAnyAllocation},
