@@ -97,7 +97,11 @@ double omi_complex::ConvertedModulus() const {
   if (std::isless(std::fabs(first_), kSquareSafe) && std::isless(std::fabs(second_), kSquareSafe)) {
     return std::sqrt(first_ * first_ + second_ * second_);
   }
-  return std::hypot(first_, second_);
+  // Halved parts keep hypot's own result finite; a modulus beyond the range
+  // is infinity without the overflow exception.
+  const double half = std::hypot(first_ / 2, second_ / 2);
+  if (std::isgreater(half, std::numeric_limits<double>::max() / 2)) return HUGE_VAL;
+  return half * 2;
 }
 
 double omi_complex::ConvertedArgument() const {

@@ -60,7 +60,7 @@ class ZMXUTI_API omi_complex {
   double ConvertedReal() const;
   // modulus × sin(argument) of a polar number; the second field of a Cartesian one.
   double ConvertedImag() const;
-  // √(re² + im²) of a Cartesian number (no overflow for large parts); the first
+  // √(re² + im²) of a Cartesian number (infinity, quietly, beyond the range); the first
   // field of a polar one.
   double ConvertedModulus() const;
   // The angle of (re, im) in (−π, π] by quadrant (0 for the origin); the second

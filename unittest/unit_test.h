@@ -227,10 +227,10 @@ class ZMXUTI_API uts_UnitTestSuite {
   // name prints "Error: \"%s\" test not found.\n"). A name followed by
   // "-start_args" hands the arguments up to "-end_args" (or the end) to the
   // first class of that name as the vector argv[0], arguments..., null with
-  // count 1 + number of arguments; the arguments after an unknown name are
-  // skipped the same way. Null arguments are skipped. The selected classes
-  // run in order of addition, each preceded by "[name]\n" when its verbose
-  // level is 0. Returns the bitwise OR of the classes' results.
+  // count 1 + number of arguments; after an unknown name "-start_args" and
+  // the words behind it are read as names. Null arguments are skipped. The
+  // selected classes run in order of addition, each preceded by "[name]\n"
+  // when its verbose level is 0. Returns the bitwise OR of the classes' results.
   int runTests(int argc, char** argv);
 
  private:

@@ -79,15 +79,14 @@ int uts_UnitTestSuite::SelectByName(const char* name) {
   return first;
 }
 
-// Hands argv[begin..] up to "-end_args" (or argc) to entry `target` (none when
-// negative) and returns the index after the block. Null arguments are left out.
+// Hands argv[begin..] up to "-end_args" (or argc) to entry `target` and
+// returns the index after the block. Null arguments are left out.
 int uts_UnitTestSuite::TakeArguments(int begin, int argc, char** argv, int target) {
   int end = begin;
   int count = 0;
   for (; end < argc && !Is(argv[end], kEndArgs); ++end)
     if (argv[end] != nullptr) ++count;
   const int next = end < argc ? end + 1 : end;
-  if (target < 0) return next;
 
   // argv[0], the arguments, a terminating null; count + 2 <= argc, so no overflow.
   char** vector = static_cast<char**>(mem_Malloc((static_cast<size_t>(count) + 2) * sizeof(char*)));
@@ -118,9 +117,9 @@ int uts_UnitTestSuite::runTests(int argc, char** argv) {
       const char* arg = argv[i++];
       if (arg == nullptr) continue;
       const int first = SelectByName(arg);
-      // An unknown name's argument block is skipped too: its words are
-      // arguments, not class names.
-      if (i < argc && Is(argv[i], kStartArgs)) i = TakeArguments(i + 1, argc, argv, first);
+      // Only a known name takes an argument block; after an unknown one the
+      // block's words are read as names like any other argument.
+      if (first >= 0 && i < argc && Is(argv[i], kStartArgs)) i = TakeArguments(i + 1, argc, argv, first);
     }
   }
 

@@ -132,7 +132,9 @@ TEST(Harness, ArgumentBlocksGoToTheFirstClassOfTheName) {
            {{"args", "-start_args", "x", "pass"}, Args("3: " + kProbe + " x pass (null-terminated)") + Args("0:"), 0},
            {{"args", "-start_args", "a", "-end_args", "args", "-start_args", "b", "-end_args"},
             Args("2: " + kProbe + " b (null-terminated)") + Args("0:"), 0},
-           {{"nosuch", "-start_args", "pass", "-end_args"}, "Error: \"nosuch\" test not found.\n", 0},
+           {{"nosuch", "-start_args", "pass", "-end_args"},  // no block without a class: all are names
+            "Error: \"nosuch\" test not found.\nError: \"-start_args\" test not found.\n"
+            "Error: \"-end_args\" test not found.\n" + kPass, 0},
            {{"-end_args", "pass"}, "Error: \"-end_args\" test not found.\n" + kPass, 0}})
     Expect(run);
 }
