@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "platform/crash.h"
+#include "platform/linux/loaded_objects.h"
 
 namespace zmx {
 namespace platform {
@@ -41,25 +42,6 @@ int VisitLoadedObject(dl_phdr_info* info, size_t, void* raw) {
                          ? (program ? ProgramBaseName() : "<UNKNOWN>")
                          : BaseName(info->dlpi_name);
   walk->visit(ModuleRange{name, info->dlpi_addr + low, info->dlpi_addr + high}, walk->context);
-  return 0;
-}
-
-struct CodeSearch {
-  std::uintptr_t address;
-  bool found;
-};
-
-int FindCodeSegment(dl_phdr_info* info, size_t, void* raw) {
-  auto* search = static_cast<CodeSearch*>(raw);
-  for (int i = 0; i < info->dlpi_phnum; ++i) {
-    const ElfW(Phdr)& segment = info->dlpi_phdr[i];
-    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) continue;
-    const std::uintptr_t start = info->dlpi_addr + segment.p_vaddr;
-    if (search->address >= start && search->address < start + segment.p_memsz) {
-      search->found = true;
-      return 1;
-    }
-  }
   return 0;
 }
 
@@ -99,9 +81,7 @@ const void* ModuleBaseOf(const void* address) {
 }
 
 bool IsCodeAddress(const void* address) {
-  CodeSearch search{reinterpret_cast<std::uintptr_t>(address), false};
-  dl_iterate_phdr(FindCodeSegment, &search);
-  return search.found;
+  return InLoadedSegment(reinterpret_cast<std::uintptr_t>(address), true);
 }
 
 void WalkFaultStack(const omi_ExceptionPointers& fault,

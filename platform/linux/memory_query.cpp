@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "platform/linux/loaded_objects.h"
 #include "platform/memory_query.h"
 #include "platform/platform.h"
 
@@ -155,32 +156,9 @@ bool SameOwner(const Mapping& a, const Mapping& b) {
   return a.device == b.device && a.inode == b.inode && a.pathHash == b.pathHash;
 }
 
-struct ObjectSearch {
-  std::uint64_t address;
-  bool found;
-};
-
-int FindLoadedObject(dl_phdr_info* info, size_t, void* raw) {
-  auto* search = static_cast<ObjectSearch*>(raw);
-  for (int i = 0; i < info->dlpi_phnum; ++i) {
-    const ElfW(Phdr)& segment = info->dlpi_phdr[i];
-    if (segment.p_type != PT_LOAD) continue;
-    const std::uint64_t page = PageSize();
-    const std::uint64_t start = (info->dlpi_addr + segment.p_vaddr) & ~(page - 1);
-    const std::uint64_t end = info->dlpi_addr + segment.p_vaddr + segment.p_memsz;
-    if (search->address >= start && search->address < end) {
-      search->found = true;
-      return 1;
-    }
-  }
-  return 0;
-}
-
 // A file mapping belongs to an image when a loaded object's segment covers it.
 bool IsLoadedObject(std::uint64_t address) {
-  ObjectSearch search{address, false};
-  dl_iterate_phdr(FindLoadedObject, &search);
-  return search.found;
+  return InLoadedSegment(static_cast<std::uintptr_t>(address), false);
 }
 
 void DescribeMapping(const Mapping& m, std::uint64_t runStart, std::uint64_t base, Region& region) {
