@@ -2,7 +2,6 @@
 // /proc/self/maps read with plain system calls into a stack buffer, the
 // dynamic loader's object list for image mappings, glibc's mallinfo2.
 #include <fcntl.h>
-#include <link.h>
 #include <malloc.h>
 #include <unistd.h>
 
