@@ -46,6 +46,21 @@ ZMXUTI_INTERNAL_API void WriteSseControl(unsigned value);
 // The raw x87 control word (masks in bits 0-5, precision 8-9, rounding 10-11).
 ZMXUTI_INTERNAL_API unsigned ReadX87Control();
 
+// Masks every floating-point exception while it lives and restores the whole
+// floating-point state, status flags included, when it ends: the runtime's text
+// conversions raise overflow on out-of-range input even though they report it
+// by their result, which would end the process under the library's traps.
+class ZMXUTI_INTERNAL_API FpExceptionsHeld {
+ public:
+  FpExceptionsHeld();
+  ~FpExceptionsHeld();
+  FpExceptionsHeld(const FpExceptionsHeld&) = delete;
+  FpExceptionsHeld& operator=(const FpExceptionsHeld&) = delete;
+
+ private:
+  alignas(16) unsigned char saved_[64];  // the platform's floating-point environment
+};
+
 }  // namespace platform
 }  // namespace zmx
 

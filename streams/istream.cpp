@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "platform/fpu.h"
 #include "streams/internal/format_choice.h"
 
 using zmx::streams_internal::BaseOf;
@@ -15,7 +16,12 @@ T aio_istream::scanValue(const char* format) {
     return T();
   }
   Bits bits = 0;
-  const int converted = std::fscanf(stream_, format, &bits);
+  int converted;
+  {
+    // Out-of-range text comes back as an infinity or a capped value, not as a trap.
+    const zmx::platform::FpExceptionsHeld held;
+    converted = std::fscanf(stream_, format, &bits);
+  }
   if (converted == 0 || converted == EOF) failInput();
   return static_cast<T>(bits);
 }

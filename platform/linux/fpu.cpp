@@ -3,6 +3,8 @@
 // register, which each thread carries separately.
 #include "platform/fpu.h"
 
+#include <fenv.h>
+
 #include <cstdint>
 
 namespace zmx {
@@ -109,6 +111,12 @@ unsigned ClearFp() {
   WriteSseControl(mxcsr & ~kSseStatusFlags);
   return HardwareToPortable((status | mxcsr) & 0x3Fu);
 }
+
+static_assert(sizeof(fenv_t) <= 64, "the saved floating-point environment must fit its room");
+
+FpExceptionsHeld::FpExceptionsHeld() { feholdexcept(reinterpret_cast<fenv_t*>(saved_)); }
+
+FpExceptionsHeld::~FpExceptionsHeld() { fesetenv(reinterpret_cast<const fenv_t*>(saved_)); }
 
 }  // namespace platform
 }  // namespace zmx

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <random>
 #include <string>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "platform/fpu.h"
 #include "stream_files.h"
 
 namespace {
@@ -59,6 +61,19 @@ TEST(IstreamScan, FloatingPointCharactersAndWords) {
   EXPECT_STREQ(word, "");
   EXPECT_EQ(in.s.rdstate(), 3u);
   EXPECT_EQ(in.s.scan_char(), 0);
+}
+
+// The process runs with the overflow trap on: out-of-range text must come back
+// as the runtime's value, with the floating-point state left as it was.
+TEST(IstreamScan, OutOfRangeNumbersComeBackWithoutTrapping) {
+  const unsigned control = zmx::platform::ReadSseControl();
+  In in("1e999 -1e999 1e-999 1e300");
+  EXPECT_EQ(in.s.scan_double(), HUGE_VAL);
+  EXPECT_EQ(in.s.scan_double(), -HUGE_VAL);
+  EXPECT_EQ(in.s.scan_double(), 0.0);
+  EXPECT_EQ(in.s.scan_float(), HUGE_VALF);
+  EXPECT_TRUE(in.s.good());
+  EXPECT_EQ(zmx::platform::ReadSseControl(), control);
 }
 
 TEST(IstreamScan, AMismatchKeepsThePartialValueAndFails) {
