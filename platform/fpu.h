@@ -5,6 +5,8 @@
 #ifndef ZMXUTI_PLATFORM_FPU_H
 #define ZMXUTI_PLATFORM_FPU_H
 
+#include <cfenv>
+
 #include "core/export.h"
 
 namespace zmx {
@@ -58,7 +60,7 @@ class ZMXUTI_INTERNAL_API FpExceptionsHeld {
   FpExceptionsHeld& operator=(const FpExceptionsHeld&) = delete;
 
  private:
-  alignas(16) unsigned char saved_[64];  // the platform's floating-point environment
+  std::fenv_t saved_;
 };
 
 }  // namespace platform

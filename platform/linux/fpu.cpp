@@ -3,8 +3,7 @@
 // register, which each thread carries separately.
 #include "platform/fpu.h"
 
-#include <fenv.h>
-
+#include <cfenv>
 #include <cstdint>
 
 namespace zmx {
@@ -112,11 +111,9 @@ unsigned ClearFp() {
   return HardwareToPortable((status | mxcsr) & 0x3Fu);
 }
 
-static_assert(sizeof(fenv_t) <= 64, "the saved floating-point environment must fit its room");
+FpExceptionsHeld::FpExceptionsHeld() { std::feholdexcept(&saved_); }
 
-FpExceptionsHeld::FpExceptionsHeld() { feholdexcept(reinterpret_cast<fenv_t*>(saved_)); }
-
-FpExceptionsHeld::~FpExceptionsHeld() { fesetenv(reinterpret_cast<const fenv_t*>(saved_)); }
+FpExceptionsHeld::~FpExceptionsHeld() { std::fesetenv(&saved_); }
 
 }  // namespace platform
 }  // namespace zmx
