@@ -14,7 +14,9 @@ constexpr int kStackBytes = 16;
 
 // The arrays are left unwritten on purpose; the compiler's warning about that is the point.
 #pragma GCC diagnostic push
+#if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 ZMX_FAULT_EXERCISER void mem_stack_umr01() {
   unsigned char bytes[kStackBytes];

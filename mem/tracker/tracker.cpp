@@ -128,8 +128,8 @@ int CurrentTransaction(Tracker& t) {
 
 void ReportLimitOnce(Limit limit) {
   static const char* const kMessages[] = {
-      "memTracker  --  more than 64 threads: further threads are recorded as thread 63 "
-      "and their phases are not followed\n",
+      ("memTracker  --  more than 64 threads: further threads are recorded as thread 63 "
+       "and their phases are not followed\n"),
       "memTracker  --  phases nested deeper than 1024: deeper phases are not followed\n",
       "memTracker  --  phase path longer than 131071 characters: deeper phases are not followed\n",
       "memTracker  --  phase name of 128 characters or more: only the first 127 are kept\n",
