@@ -111,9 +111,7 @@ TEST(TimeOfDay, MillisecondResolutionNearTheSystemClock) {
 
 TEST(SessionCounter, HandsOutConsecutiveNumbersFromItsStart) {
   omi_settimecounterstart(5);
-  EXPECT_EQ(omi_gettimecounter(), 5.0);
-  EXPECT_EQ(omi_gettimecounter(), 6.0);
-  EXPECT_EQ(omi_gettimecounter(), 7.0);
+  for (double expected : {5.0, 6.0, 7.0}) EXPECT_EQ(omi_gettimecounter(), expected);
 }
 
 TEST(SessionCounter, AtTheLimitEveryCallPrintsTheOverflowLinesAndReturnsZero) {

@@ -271,13 +271,10 @@ TEST(CrashReport, SymbolLibraryIsSearchedThroughZemPath) {
     const Crash crash = RunCrash("null", c.zemPath.empty() ? EnvVars{} : EnvVars{{"ZEM_PATH", c.zemPath}}, {},
                                  c.zemPath.empty());
     EXPECT_EQ(crash.child.signal, SIGSEGV);
-    if (c.stderrStart.empty())
-      EXPECT_EQ(crash.child.err, "");
-    else
-      EXPECT_EQ(crash.child.err.compare(0, c.stderrStart.size(), c.stderrStart), 0) << crash.child.err;
-    if (c.zemPath.empty()) {
-      EXPECT_EQ(crash.child.err, c.stderrStart);  // printed once, no line end
-    }
+    // Where the system's library is used the message is printed once, with no line end.
+    const bool whole = c.zemPath.empty() || c.stderrStart.empty();
+    EXPECT_EQ(whole ? crash.child.err : crash.child.err.substr(0, c.stderrStart.size()), c.stderrStart)
+        << crash.child.err;
     if (c.sourceLines) {
       EXPECT_NE(crash.report.firstLine.find("crash_probe.cpp, line "), std::string::npos) << crash.report.firstLine;
     } else {

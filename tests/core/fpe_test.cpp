@@ -134,12 +134,12 @@ TEST(FpeTraps, AnUnbalancedReleaseIsReportedAndTheCountStaysAtZero) {
 }
 
 TEST(ErrorMode, DecidedOnceFromThePresenceOfTheVariable) {
-  const auto plain = RunProbe("services_probe", "error_mode");
-  ASSERT_TRUE(zmx_test::ExitedCleanly(plain));
-  EXPECT_EQ(plain.out, "before ffffffff\nstarted ffffffff\nset 2\n");
-  const auto popups = RunProbe("services_probe", "error_mode", {{"QVL_DEBUG_POPUP", ""}});
-  ASSERT_TRUE(zmx_test::ExitedCleanly(popups));
-  EXPECT_EQ(popups.out, "before ffffffff\nstarted 0\nset 0\n");
+  for (const bool popups : {false, true}) {
+    const zmx_test::EnvVars env = popups ? zmx_test::EnvVars{{"QVL_DEBUG_POPUP", ""}} : zmx_test::EnvVars{};
+    const auto r = RunProbe("services_probe", "error_mode", env);
+    ASSERT_TRUE(zmx_test::ExitedCleanly(r));
+    EXPECT_EQ(r.out, popups ? "before ffffffff\nstarted 0\nset 0\n" : "before ffffffff\nstarted ffffffff\nset 2\n");
+  }
 }
 
 TEST(SystemErrorCode, CapturesTheCodeOfItsTypeOnly) {

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -130,37 +132,28 @@ TEST(Diagnostics, RegionQueryClassifiesMappings) {
   ASSERT_EQ(ftruncate(fileno(file), static_cast<off_t>(2 * page)), 0);
   void* fileMap = mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE, fileno(file), 0);
   ASSERT_NE(fileMap, MAP_FAILED);
-  const int onStack = 0;
 
   const platform::Region reserved = Query(stretch + 10);
   const platform::Region committed = Query(stretch + page + 10);
   const platform::Region mapped = Query(static_cast<char*>(fileMap) + page + 1);
   const platform::Region image = Query(reinterpret_cast<const void*>(&mem_ScanMemory));
-  const platform::Region stack = Query(&onStack);
+  const platform::Region stack = Query(&page);
 
-  EXPECT_EQ(reserved.base, reinterpret_cast<std::uintptr_t>(stretch));
-  EXPECT_EQ(reserved.size, page);
-  EXPECT_EQ(reserved.state, platform::kMemReserve);
-  EXPECT_EQ(reserved.type, platform::kMemPrivate);
-  EXPECT_EQ(committed.base, reserved.base + page);
-  EXPECT_EQ(committed.size, page);
-  EXPECT_EQ(committed.state, platform::kMemCommit);
-  EXPECT_EQ(committed.allocationBase, reserved.allocationBase);  // one anonymous run
+  const auto at = [](const void* p) { return reinterpret_cast<std::uintptr_t>(p); };
+  using Fields = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t>;
+  EXPECT_EQ(Fields(reserved.base, reserved.size, reserved.state, reserved.type),
+            Fields(at(stretch), page, platform::kMemReserve, platform::kMemPrivate));
+  EXPECT_EQ(Fields(committed.base, committed.size, committed.state, committed.allocationBase),
+            Fields(reserved.base + page, page, platform::kMemCommit, reserved.allocationBase));  // one anonymous run
   EXPECT_LE(reserved.allocationBase, reserved.base);
-  EXPECT_EQ(mapped.type, platform::kMemMapped);
-  EXPECT_EQ(mapped.base, reinterpret_cast<std::uintptr_t>(fileMap) + page);
-  EXPECT_EQ(mapped.size, page);
-  EXPECT_EQ(mapped.allocationBase, reinterpret_cast<std::uintptr_t>(fileMap));
-  EXPECT_EQ(image.type, platform::kMemImage);
-  EXPECT_EQ(image.state, platform::kMemCommit);
+  EXPECT_EQ(Fields(mapped.base, mapped.size, mapped.type, mapped.allocationBase),
+            Fields(at(fileMap) + page, page, platform::kMemMapped, at(fileMap)));
+  EXPECT_EQ(std::make_pair(image.type, image.state), std::make_pair(platform::kMemImage, platform::kMemCommit));
   EXPECT_EQ(stack.type, platform::kMemPrivate);
-
   // Query where the unmapped page was: free, or (when another mapping moved in) not ours.
   const platform::Region gap = Query(stretch + 3 * page);
   if (gap.state == platform::kMemFree) {
-    EXPECT_EQ(gap.base, reinterpret_cast<std::uintptr_t>(stretch) + 3 * page);
-    EXPECT_EQ(gap.type, 0u);
-    EXPECT_EQ(gap.allocationBase, 0u);
+    EXPECT_EQ(Fields(gap.base, 0, gap.type, gap.allocationBase), Fields(at(stretch) + 3 * page, 0, 0, 0));
   }
   platform::Region none;
   EXPECT_FALSE(platform::QueryRegion(0x800000000000ull, none));
