@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,16 +39,9 @@ std::string MakeFolder(const std::string& below = "") {
   return pattern;
 }
 
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::vector<std::string> Lines(const std::string& text) {
+std::vector<std::string> LinesOf(const std::string& path) {
   std::vector<std::string> lines;
-  std::istringstream in(text);
+  std::ifstream in(path);
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
@@ -74,9 +66,9 @@ struct Report {
   std::vector<std::string> modules;  // lines after the empty one
 };
 
-Report Parse(const std::string& text) {
+Report Parse(const std::string& path) {
   Report report;
-  const auto lines = Lines(text);
+  const auto lines = LinesOf(path);
   std::size_t i = 0;
   if (i < lines.size()) report.firstLine = lines[i++];
   for (; i < lines.size() && !lines[i].empty(); ++i) report.frames.push_back(lines[i]);
@@ -101,13 +93,13 @@ Crash RunCrash(const std::string& scenario, EnvVars env = {}, std::vector<std::s
   crash.child = zmx_test::RunProbe("crash_probe", scenario, env, args);
   const std::string path = crash.folder + "/crash_probe.dmp";
   crash.reported = access(path.c_str(), F_OK) == 0;
-  crash.report = Parse(Slurp(path));
+  crash.report = Parse(path);
   return crash;
 }
 
 // The line of the probe's source that holds `text`, as the report prints it.
 std::string SourceLineOf(const std::string& text) {
-  const auto lines = Lines(Slurp(std::string(ZMX_SOURCE_DIR) + "/tests/probes/crash_probe.cpp"));
+  const auto lines = LinesOf(std::string(ZMX_SOURCE_DIR) + "/tests/probes/crash_probe.cpp");
   for (std::size_t i = 0; i < lines.size(); ++i)
     if (lines[i].find(text) != std::string::npos) {
       char number[32];
@@ -217,7 +209,7 @@ TEST(CrashReport, StackLinesStopAtTwoHundredForTheWholeProcess) {
   const Crash twice = RunCrash("two_reports", {{"QVL_DEBUG_POPUP", "1"}});
   ASSERT_TRUE(twice.child.exited) << Describe(twice.child);
   EXPECT_EQ(twice.child.out, "recovered twice\n");
-  const Report first = Parse(Slurp(twice.folder + "/first.dmp"));
+  const Report first = Parse(twice.folder + "/first.dmp");
   EXPECT_GT(first.frames.size(), 150u);
   EXPECT_EQ(first.frames.size() + twice.report.frames.size(), 200u);
   EXPECT_NE(twice.report.firstLine.find("NullDeref()+"), std::string::npos);

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 
 #include "ZMXUTI_CoreUtils.h"
@@ -76,6 +77,13 @@ void Setup() {
   if (zmx_probe::ArgCount() > 2 && chdir(zmx_probe::Arg(2)) != 0) std::exit(3);
   // Start-up installs the crash filter.
   zmx_probe::BringUp(UTI_CoreUtils_initialize);
+}
+
+// Takes the library down and brings it up again.
+void Restart() {
+  int depth = 1;
+  UTI_CoreUtils_finalize(depth);
+  UTI_CoreUtils_initialize(depth);
 }
 
 void Say(const char* text) {
@@ -152,15 +160,13 @@ long EndProcess(omi_ExceptionPointers* fault) {
 void DispatchScenario() {
   Setup();
   omi_SetExceptionHandler(EndProcess);
-  if (std::strcmp(zmx_probe::Arg(3), "again") == 0) {
-    int depth = 1;
-    UTI_CoreUtils_finalize(depth);
-    UTI_CoreUtils_initialize(depth);
+  const std::string registered = zmx_probe::Arg(3);
+  if (registered == "again") {
+    Restart();
     omi_SetExceptionHandler(EndProcess);
   }
-  if (std::strcmp(zmx_probe::Arg(3), "probe") == 0) omi_RegisterModule(reinterpret_cast<void*>(&NullDeref));
-  if (std::strcmp(zmx_probe::Arg(3), "library") == 0)
-    omi_RegisterModule(reinterpret_cast<void*>(&omi_InstallCrashFilter));
+  if (registered == "probe") omi_RegisterModule(reinterpret_cast<void*>(&NullDeref));
+  if (registered == "library") omi_RegisterModule(reinterpret_cast<void*>(&omi_InstallCrashFilter));
   if (std::strcmp(zmx_probe::Arg(4), "overflow") == 0) Overflow(0);
   NullDeref();
 }
@@ -232,9 +238,7 @@ void TakenOverScenario() {
   action.sa_sigaction = ChainBack;
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGSEGV, &action, &g_libraryAction);
-  int depth = 1;
-  UTI_CoreUtils_finalize(depth);
-  UTI_CoreUtils_initialize(depth);
+  Restart();
   NullDeref();
 }
 
