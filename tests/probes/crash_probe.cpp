@@ -243,19 +243,11 @@ void TakenOverScenario() {
 }
 
 constexpr zmx_probe::Scenario kScenarios[] = {
-    {"null", NullScenario},
-    {"overflow", OverflowScenario},
-    {"int_divide", IntDivideScenario},
-    {"float_divide", FloatDivideScenario},
-    {"abort", AbortScenario},
-    {"deep", DeepScenario},
-    {"long_name", LongNameScenario},
-    {"resume", ResumeScenario},
-    {"dispatch", DispatchScenario},
-    {"two_reports", TwoReportsScenario},
-    {"float_continue", FloatContinueScenario},
-    {"two_threads", TwoThreadsScenario},
-    {"taken_over", TakenOverScenario},
+    {"null", NullScenario}, {"overflow", OverflowScenario}, {"int_divide", IntDivideScenario},
+    {"float_divide", FloatDivideScenario}, {"abort", AbortScenario}, {"deep", DeepScenario},
+    {"long_name", LongNameScenario}, {"resume", ResumeScenario}, {"dispatch", DispatchScenario},
+    {"two_reports", TwoReportsScenario}, {"float_continue", FloatContinueScenario},
+    {"two_threads", TwoThreadsScenario}, {"taken_over", TakenOverScenario},
 };
 
 }  // namespace

@@ -105,11 +105,8 @@ void Snapshot() {
 
 int main(int argc, char** argv) {
   static const zmx_probe::Scenario scenarios[] = {
-      {"scan", Scan},
-      {"scan_reserved", ScanAroundReservations},
-      {"debugger_finalize_only", FinalizeOnly},
-      {"debugger_life_cycle", DebuggerLifeCycle},
-      {"snapshot", Snapshot},
+      {"scan", Scan}, {"scan_reserved", ScanAroundReservations}, {"debugger_finalize_only", FinalizeOnly},
+      {"debugger_life_cycle", DebuggerLifeCycle}, {"snapshot", Snapshot},
   };
   return zmx_probe::Dispatch(argc, argv, scenarios);
 }

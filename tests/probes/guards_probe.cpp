@@ -237,17 +237,9 @@ void Exercise() {
 
 int main(int argc, char** argv) {
   static const zmx_probe::Scenario scenarios[] = {
-      {"back_overrun", BackOverrun},
-      {"front_underrun_realloc", FrontUnderrunRealloc},
-      {"both_ends", BothEnds},
-      {"damaged_size", DamagedSizeWords},
-      {"quiet", Quiet},
-      {"layout", Layout},
-      {"calloc_zero_size", CallocZeroSize},
-      {"overflow", Overflow},
-      {"operators", Operators},
-      {"randomized", Randomized},
-      {"exercise", Exercise},
+      {"back_overrun", BackOverrun}, {"front_underrun_realloc", FrontUnderrunRealloc}, {"both_ends", BothEnds},
+      {"damaged_size", DamagedSizeWords}, {"quiet", Quiet}, {"layout", Layout}, {"calloc_zero_size", CallocZeroSize},
+      {"overflow", Overflow}, {"operators", Operators}, {"randomized", Randomized}, {"exercise", Exercise},
   };
   return zmx_probe::Dispatch(argc, argv, scenarios);
 }

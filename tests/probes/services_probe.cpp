@@ -185,12 +185,8 @@ void ArmRefused() {
 }
 
 const zmx_probe::Scenario kScenarios[] = {
-    {"session_counter_overflow", SessionCounterOverflow},
-    {"fpe_trap", FpeTrap},
-    {"freeze_release", FreezeRelease},
-    {"error_mode", ErrorMode},
-    {"alert_signals", AlertSignals},
-    {"arm_refused", ArmRefused},
+    {"session_counter_overflow", SessionCounterOverflow}, {"fpe_trap", FpeTrap}, {"freeze_release", FreezeRelease},
+    {"error_mode", ErrorMode}, {"alert_signals", AlertSignals}, {"arm_refused", ArmRefused},
     {"handler_lets_go", HandlerLetsGo},
 };
 

@@ -89,11 +89,8 @@ TEST(TempFiles, NamesFollowTheTmpDirAndTheFirstNumber) {
       {false, "", 0, "/tmp", "utl0000.TMP"},
   };
   for (const DirCase& c : cases) {
-    if (c.set) {
-      dir.UseAsTmpDir(c.tmpDir);
-    } else {
-      unsetenv("TMPDIR");
-    }
+    if (c.set) dir.UseAsTmpDir(c.tmpDir);
+    else unsetenv("TMPDIR");
     FILE* f = CreateTempFileFrom(c.first);
     ASSERT_NE(f, nullptr) << c.tmpDir;
     EXPECT_EQ(LinkOf(f), c.where + "/" + c.name + " (deleted)");
