@@ -32,23 +32,25 @@ zmx_test::ChildResult Probe(const std::string& scenario, const std::vector<std::
   return result;
 }
 
-const char kCompactZeros[] =
-    "\nMEMORY USE SUMMARY\n"
-    "   Free Memory      = 0   Committed Memory = 0   Reserved Memory  = 0\n"
-    "   Max Free Block Size = 0   PTR = 0\n"
-    "   Max Reserved Block Size = 0   PTR = 0\n";
-const char kLongZeros[] =
-    "\nMEMORY USE SUMMARY\n"
-    "   Free Memory      = 0\n   Committed Memory = 0\n   Reserved Memory  = 0\n"
-    "\n   Max Free Block Size = 0\n    PTR = 0\n"
-    "   Max Reserved Block Size = 0\n   PTR = 0\n\n";
+// The scan's closing summary in its compact (level 0) and long forms; the
+// largest free block of every scan here starts at 0.
+using Text = const std::string&;
+std::string Compact(Text free, Text committed, Text reserved, Text maxFree, Text maxReserved, Text at) {
+  return "\nMEMORY USE SUMMARY\n   Free Memory      = " + free + "   Committed Memory = " + committed +
+         "   Reserved Memory  = " + reserved + "\n   Max Free Block Size = " + maxFree +
+         "   PTR = 0\n   Max Reserved Block Size = " + maxReserved + "   PTR = " + at + "\n";
+}
+std::string Long(Text free, Text committed, Text reserved, Text maxFree, Text maxReserved, Text at) {
+  return "\nMEMORY USE SUMMARY\n   Free Memory      = " + free + "\n   Committed Memory = " + committed +
+         "\n   Reserved Memory  = " + reserved + "\n\n   Max Free Block Size = " + maxFree +
+         "\n    PTR = 0\n   Max Reserved Block Size = " + maxReserved + "\n   PTR = " + at + "\n\n";
+}
 
 TEST(Diagnostics, ScanWithLimitZeroPrintsOnlyTheSummary) {
-  const struct {
-    const char* level;
-    const char* expected;
-  } cases[] = {{"0", kCompactZeros}, {"1", kLongZeros}, {"2", kLongZeros}, {"7", kLongZeros}};
-  for (const auto& c : cases) EXPECT_EQ(Probe("scan", {c.level, "0"}).err, c.expected) << c.level;
+  for (const char* level : {"0", "1", "2", "7"}) {
+    EXPECT_EQ(Probe("scan", {level, "0"}).err, (level[0] == '0' ? Compact : Long)("0", "0", "0", "0", "0", "0"))
+        << level;
+  }
 }
 
 // The probe maps two inaccessible stretches of 0x30000 bytes, at 0x40000000 and
@@ -68,22 +70,8 @@ TEST(Diagnostics, ScanStopsAtTheRegionThatCrossesTwoGigabytesWhateverTheLimit) {
   // Equal reserved sizes: the first one stays the largest.
   const std::string compact = std::string(kFirstFree) + kFirstReserved + kSecondFree + kCommitted + kThirdFree +
                               kSecondReserved +
-                              "\nMEMORY USE SUMMARY\n"
-                              "   Free Memory      = 2147090432   Committed Memory = 65536"
-                              "   Reserved Memory  = 393216\n"
-                              "   Max Free Block Size = 1073741824   PTR = 0\n"
-                              "   Max Reserved Block Size = 196608   PTR = 40000000\n";
-  const std::string longSummary =
-      "\nMEMORY USE SUMMARY\n"
-      "   Free Memory      = 2147090432\n   Committed Memory = 65536\n   Reserved Memory  = 393216\n"
-      "\n   Max Free Block Size = 1073741824\n    PTR = 0\n"
-      "   Max Reserved Block Size = 196608\n   PTR = 40000000\n\n";
-  const std::string uptoFirstReserved =
-      std::string(kFirstFree) + kFirstReserved +
-      "\nMEMORY USE SUMMARY\n"
-      "   Free Memory      = 1073741824   Committed Memory = 0   Reserved Memory  = 196608\n"
-      "   Max Free Block Size = 1073741824   PTR = 0\n"
-      "   Max Reserved Block Size = 196608   PTR = 40000000\n";
+                              Compact("2147090432", "65536", "393216", "1073741824", "196608", "40000000");
+  const std::string longSummary = Long("2147090432", "65536", "393216", "1073741824", "196608", "40000000");
   const struct {
     const char* level;
     const char* limit;
@@ -94,12 +82,9 @@ TEST(Diagnostics, ScanStopsAtTheRegionThatCrossesTwoGigabytesWhateverTheLimit) {
       {"0", "0x7FFFFFFF", compact},
       {"1", "0x7FFFFFFF", std::string(kFirstFree) + kSecondFree + kThirdFree + longSummary},
       {"2", "0x7FFFFFFF", longSummary},
-      {"0", "0x40000001", uptoFirstReserved},  // stops once a region reaches the limit
-      {"0", "0x40000000", std::string(kFirstFree) +
-                              "\nMEMORY USE SUMMARY\n"
-                              "   Free Memory      = 1073741824   Committed Memory = 0   Reserved Memory  = 0\n"
-                              "   Max Free Block Size = 1073741824   PTR = 0\n"
-                              "   Max Reserved Block Size = 0   PTR = 0\n"},
+      {"0", "0x40000001",  // stops once a region reaches the limit
+       kFirstFree + (kFirstReserved + Compact("1073741824", "0", "196608", "1073741824", "196608", "40000000"))},
+      {"0", "0x40000000", kFirstFree + Compact("1073741824", "0", "0", "1073741824", "0", "0")},
   };
   for (const auto& c : cases) {
     const auto result = Probe("scan_reserved", {c.level, c.limit});
