@@ -32,8 +32,7 @@ void BurnCpu(double seconds) {
 }
 
 TEST(Timer, FreshResetAndUnstartedTimersReadZero) {
-  omi_Timer fresh;
-  omi_Timer stoppedOnly;
+  omi_Timer fresh, stoppedOnly;
   stoppedOnly.Stop();
   omi_Timer reset;
   reset.Start();

@@ -126,16 +126,14 @@ int CountFramesWith(const Report& report, const std::string& text) {
 
 TEST(CrashReport, EachFaultIsNamedAtItsFunctionAndSourceLine) {
   SKIP_WITHOUT_LIBDW();
-  struct Case {
+  const struct {
     const char* scenario;
     int signal;
-    const char* exception;
-    const char* module;
+    const char *exception, *module;
     const char* function;    // the faulting one; its definition line is the faulting line
     const char* definition;  // or empty when the fault is not on that line
     const char* caller;      // a frame further out
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"null", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION", "crash_probe", "NullDeref", "int NullDeref()",
        "(anonymous namespace)::CallerOfNullDeref()+"},
       {"int_divide", SIGFPE, "EXCEPTION_INT_DIVIDE_BY_ZERO", "crash_probe", "IntDivide", "int IntDivide()",
@@ -145,7 +143,7 @@ TEST(CrashReport, EachFaultIsNamedAtItsFunctionAndSourceLine) {
       {"overflow", SIGSEGV, "EXCEPTION_STACK_OVERFLOW", "crash_probe", "Overflow", "", "(anonymous namespace)::Overflow()+"},
       {"abort", SIGABRT, "Aborted", "libc.so.6", "", "", "(anonymous namespace)::AbortScenario()+"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.scenario);
     const Crash crash = RunCrash(c.scenario);
     EXPECT_EQ(crash.child.signal, c.signal) << Describe(crash.child);
@@ -246,19 +244,18 @@ TEST(CrashReport, SymbolLibraryIsSearchedThroughZemPath) {
   ASSERT_EQ(symlink(libelf.c_str(), (other + "/External/libdw.so.1").c_str()), 0);
   std::ofstream(broken + "/External/libdw.so.1") << "not a library\n";
 
-  struct Case {
+  const struct {
     const char* what;
     std::string zemPath;  // empty: the run's own folder
     std::string stderrStart;
     bool sourceLines;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"second element holds it", empty + ";" + linked, "", true},
       {"none holds it: the system's", "", "libdw.so.1 not found in ZEM_PATH", true},
       {"a broken one ends the search", broken + ";" + linked, "Unexpected error " + broken, true},
       {"one without the entry points", other, "", false},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const Crash crash = RunCrash("null", c.zemPath.empty() ? EnvVars{} : EnvVars{{"ZEM_PATH", c.zemPath}}, {},
                                  c.zemPath.empty());
@@ -303,20 +300,18 @@ TEST(CrashReport, ClientHandlerSeesFaultsBeforeTheReport) {
 
   // The symbol library's absence from ZEM_PATH is told only when a report needs it.
   const std::string row = "!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!\n";
-  struct Case {
-    const char* registered;
-    const char* fault;
+  const struct {
+    const char *registered, *fault;
     const char* handlerSays;  // empty: the handler is not asked and the report is written
     std::string err;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"none", "null", "handler C0000005\n", ""},
       {"probe", "null", "handler C0000005\n", ""},
       {"library", "null", "", "libdw.so.1 not found in ZEM_PATH"},
       {"again", "null", "handler C0000005\n", ""},
       {"none", "overflow", "handler C00000FD\n", row + "EXCEPTION_STACK_OVERFLOW occurred\n" + row},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.registered) + " " + c.fault);
     const Crash crash = RunCrash("dispatch", {}, {c.registered, c.fault});
     EXPECT_EQ(crash.child.signal, SIGSEGV);

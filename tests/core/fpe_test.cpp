@@ -15,8 +15,7 @@ namespace fp = zmx::platform;
 using zmx_test::RunProbe;
 
 struct Registers {
-  unsigned x87;
-  unsigned sse;
+  unsigned x87, sse;
   bool operator==(const Registers& o) const { return x87 == o.x87 && sse == o.sse; }
 };
 Registers Read() { return {fp::ReadX87Control(), fp::ReadSseControl()}; }
@@ -76,8 +75,7 @@ TEST_F(FpeControl, ControlValuesReachBothUnits) {
 
 TEST_F(FpeControl, ClearFpReportsAndClearsPendingFlags) {
   omn_disableFPE();
-  volatile double zero = 0.0;
-  volatile double q = 1.0 / zero;
+  volatile double zero = 0.0, q = 1.0 / zero;
   (void)q;
   EXPECT_NE(fp::ClearFp() & fp::kFpMaskZeroDivide, 0u);
   EXPECT_EQ(fp::ReadSseControl() & fp::kSseStatusFlags, 0u);

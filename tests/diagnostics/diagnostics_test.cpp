@@ -118,8 +118,7 @@ TEST(Diagnostics, RegionQueryClassifiesMappings) {
   void* fileMap = mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE, fileno(file), 0);
   ASSERT_NE(fileMap, MAP_FAILED);
 
-  const platform::Region reserved = Query(stretch + 10);
-  const platform::Region committed = Query(stretch + page + 10);
+  const platform::Region reserved = Query(stretch + 10), committed = Query(stretch + page + 10);
   const platform::Region mapped = Query(static_cast<char*>(fileMap) + page + 1);
   const platform::Region image = Query(reinterpret_cast<const void*>(&mem_ScanMemory));
   const platform::Region stack = Query(&page);
