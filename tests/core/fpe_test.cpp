@@ -26,23 +26,22 @@ class FpeControl : public ::testing::Test {
   void TearDown() override { omn_enableFPE(); }
 };
 
-TEST_F(FpeControl, EnableTrapsInvalidZeroDivideOverflowOnBothUnitsAndSetsTheStatusPattern) {
+// Enabling traps invalid, zero-divide and overflow on both units and sets the
+// status pattern; disabling masks all and resets rounding and precision.
+TEST_F(FpeControl, EnableTrapsThreeExceptionsOnBothUnitsAndDisableMasksAll) {
   omn_disableFPE();
   omn_enableFPE();
-  const Registers r = Read();
+  Registers r = Read();
   EXPECT_EQ(r.x87 & 0x3Fu, 0x32u);    // denormal, underflow, precision masked
   EXPECT_EQ(r.sse & 0x1F80u, 0x1900u);
   EXPECT_EQ(r.sse & 0x3Fu, 0x1Du);    // status flags raised and cleared as kept
   EXPECT_NE(r.sse & fp::kSseFlushToZero, 0u);
   EXPECT_NE(r.sse & fp::kSseDenormalsAreZero, 0u);
   EXPECT_EQ(fp::ControlFp(0, 0) & (fp::kFpExceptionField | fp::kFpDenormalField), 0x80003u | fp::kFpDenormalFlush);
-}
-
-TEST_F(FpeControl, DisableMasksAllAndResetsRoundingAndPrecision) {
-  omn_enableFPE();  // denormals flushed, which disabling leaves as they are
+  // Denormals are flushed now, which disabling leaves as they are.
   fp::ControlFp(0x200 | 0x10000, fp::kFpRoundingField | fp::kFpPrecisionField);
   omn_disableFPE();
-  const Registers r = Read();
+  r = Read();
   EXPECT_EQ(r.x87 & 0xF3Fu, 0x33Fu);  // all masked, 64-bit precision, to nearest
   EXPECT_EQ(r.sse & 0x1F80u, 0x1F80u);
   EXPECT_EQ(r.sse & (3u << 13), 0u);
