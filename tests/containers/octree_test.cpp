@@ -234,7 +234,7 @@ TEST(Octree, WordBlocksServeReuseAndGrow) {
   EXPECT_TRUE(none.IsNull());
 }
 
-TEST(Octree, DumpPrintsTotalsAndBlocksByteForByte) {
+TEST(Octree, DumpPrintsTotalsAndBlocksByteForByteAndMisuseAborts) {
   const auto result = zmx_test::RunProbe("container_dump_probe", "octree_dumps");
   ASSERT_TRUE(zmx_test::ExitedCleanly(result));
   const std::string blocks = "MemoryBlocks: Count=1, Size=4152, Waste=3072\nFreedBlocks: Count=0, Size=0\n";
@@ -246,9 +246,7 @@ TEST(Octree, DumpPrintsTotalsAndBlocksByteForByte) {
                 "Total nodeCount=10, numCell=10, numLeaf=8, maxDepth=3, size=1552\n"
                 "MemoryBlocks: Count=2, Size=20208, Waste=19072\n"
                 "FreedBlocks: Count=1, Size=16056\n");
-}
-
-TEST(Octree, MisuseAbortsWithAMessage) {
+  // Misuse aborts with a message.
   const struct {
     const char* scenario;
     const char* message;
@@ -257,10 +255,10 @@ TEST(Octree, MisuseAbortsWithAMessage) {
       {"octree_request_too_large", "ERROR: omi_Octree::MemAlloc: a request of 2147483648 words is too large\n"},
   };
   for (const auto& c : cases) {
-    const auto result = zmx_test::RunProbe("container_dump_probe", c.scenario);
-    EXPECT_EQ(result.signal, SIGABRT) << zmx_test::Describe(result);
-    EXPECT_EQ(result.err, c.message);
-    EXPECT_EQ(result.out, "");
+    const auto aborted = zmx_test::RunProbe("container_dump_probe", c.scenario);
+    EXPECT_EQ(aborted.signal, SIGABRT) << zmx_test::Describe(aborted);
+    EXPECT_EQ(aborted.err, c.message);
+    EXPECT_EQ(aborted.out, "");
   }
 }
 

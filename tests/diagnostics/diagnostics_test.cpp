@@ -179,7 +179,7 @@ std::vector<Snapshot> ReadSnapshots(const std::string& out, std::vector<std::uin
   return snapshots;
 }
 
-TEST(Diagnostics, SnapshotOfTheGeneralHeapIsItsFootprint) {
+TEST(Diagnostics, SnapshotOfTheGeneralHeapIsItsFootprintAndTheRuntimeHeapFollowsItsBlocks) {
   std::vector<std::uint64_t> footprints;
   const auto snaps = ReadSnapshots(Probe("snapshot", {"10", "100000"}).out, footprints);
   ASSERT_EQ(snaps.size(), 3u);
@@ -192,22 +192,19 @@ TEST(Diagnostics, SnapshotOfTheGeneralHeapIsItsFootprint) {
     EXPECT_EQ(s.free, 0u);
     EXPECT_EQ(s.reserved, 0u);
   }
-}
-
-TEST(Diagnostics, SnapshotOfTheRuntimeHeapFollowsItsBlocks) {
-  // Blocks too large for the runtime's per-thread cache, and blocks it maps directly.
+  // The runtime heap's snapshot follows its blocks: blocks too large for its
+  // per-thread cache, and blocks it maps directly.
   const struct {
     std::uint64_t count, bytes;
   } cases[] = {{10, 2000}, {8, 300000}};
   for (const auto& c : cases) {
-    std::vector<std::uint64_t> footprints;
-    const auto snaps = ReadSnapshots(
-        Probe("snapshot", {std::to_string(c.count), std::to_string(c.bytes)}, {{"ZMX_CRTMALLOC", "1"}}).out,
-        footprints);
-    ASSERT_EQ(snaps.size(), 3u);
-    EXPECT_GE(snaps[1].inUse, snaps[0].inUse + c.count * c.bytes) << c.bytes;
-    EXPECT_LT(snaps[2].inUse, snaps[1].inUse) << c.bytes;
-    for (const Snapshot& s : snaps) {
+    std::vector<std::uint64_t> unused;
+    const auto runtime = ReadSnapshots(
+        Probe("snapshot", {std::to_string(c.count), std::to_string(c.bytes)}, {{"ZMX_CRTMALLOC", "1"}}).out, unused);
+    ASSERT_EQ(runtime.size(), 3u);
+    EXPECT_GE(runtime[1].inUse, runtime[0].inUse + c.count * c.bytes) << c.bytes;
+    EXPECT_LT(runtime[2].inUse, runtime[1].inUse) << c.bytes;
+    for (const Snapshot& s : runtime) {
       EXPECT_EQ(s.committed, s.inUse + s.free) << c.bytes;
       EXPECT_EQ(s.reserved, 0u);
     }

@@ -93,15 +93,8 @@ void Say(const char* text) {
 PROBE_FRAME void NullScenario() { Setup(); g_sink = CallerOfNullDeref(); }
 PROBE_FRAME void OverflowScenario() { Setup(); g_sink = Overflow(0); }
 PROBE_FRAME void IntDivideScenario() { Setup(); g_sink = IntDivide(); }
-PROBE_FRAME void FloatDivideScenario() {
-  Setup();
-  feenableexcept(FE_DIVBYZERO);
-  g_sink = FloatDivide();
-}
-PROBE_FRAME void AbortScenario() {
-  Setup();
-  std::abort();
-}
+PROBE_FRAME void FloatDivideScenario() { Setup(); feenableexcept(FE_DIVBYZERO); g_sink = FloatDivide(); }
+PROBE_FRAME void AbortScenario() { Setup(); std::abort(); }
 PROBE_FRAME void DeepScenario() { Setup(); g_sink = Deep(300); }
 PROBE_FRAME void LongNameScenario() { Setup(); g_sink = CrashInLongName<Nest<25>::type>(); }
 
