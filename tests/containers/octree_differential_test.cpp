@@ -104,9 +104,7 @@ unsigned int CheckLeaves(const omi_Octree& tree, const std::vector<LeafInfo>& le
     std::vector<unsigned int> held, expected;
     for (unsigned int i = 0; i < l.leaf->Count(); ++i) held.push_back(l.leaf->ItemAt(i));
     std::sort(held.begin(), held.end());
-    for (unsigned int i = 0; i < boxes.size(); ++i) {
-      if (Reaches(l, boxes[i].lo, boxes[i].hi)) expected.push_back(i);
-    }
+    for (unsigned int i = 0; i < boxes.size(); ++i) if (Reaches(l, boxes[i].lo, boxes[i].hi)) expected.push_back(i);
     EXPECT_EQ(held, expected) << "leaf " << l.leaf->Number() << " at level " << l.level;
   }
   return growable;
@@ -196,9 +194,7 @@ void CheckWalks(const omi_Octree& tree, const std::vector<LeafInfo>& leaves, flo
       const LeafInfo* info = byLeaf[leaf->Number()];
       ASSERT_TRUE(info != nullptr && info->leaf == leaf) << "not a leaf of the tree";
       ASSERT_TRUE(seen.insert(leaf).second) << "leaf " << leaf->Number() << " returned twice";
-      if (first && startInside) {
-        ASSERT_EQ(leaf, tree.FindCell(s));
-      }
+      ASSERT_TRUE(!first || !startInside || leaf == tree.FindCell(s)) << "the first leaf holds the start";
       first = false;
       ASSERT_TRUE(SegmentNearLeaf(s, d, 1.0 + step, *info, e + 1e-3))
           << "leaf " << leaf->Number() << " beyond the tolerance of segment " << n;

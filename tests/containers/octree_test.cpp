@@ -41,9 +41,7 @@ int LevelOf(const omi_OctreeCell* cell, const omi_OctreeLeaf* leaf, int level = 
 }
 
 bool Holds(const omi_OctreeLeaf* leaf, unsigned int item) {
-  for (unsigned int i = 0; i < leaf->Count(); ++i) {
-    if (leaf->ItemAt(i) == item) return true;
-  }
+  for (unsigned int i = 0; i < leaf->Count(); ++i) if (leaf->ItemAt(i) == item) return true;
   return false;
 }
 

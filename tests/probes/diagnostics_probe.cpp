@@ -56,9 +56,7 @@ void ScanAroundReservations() {
   constexpr std::uintptr_t kLow = 0x10000, kHigh = 0x80010000;
   if (!MapExactly(kLow, kHigh - kLow, PROT_NONE, "an empty low address space")) return;
   munmap(reinterpret_cast<void*>(kLow), kHigh - kLow);
-  for (const Stretch& s : kStretches) {
-    if (!MapExactly(s.at, s.size, s.protection, "a stretch")) return;
-  }
+  for (const Stretch& s : kStretches) if (!MapExactly(s.at, s.size, s.protection, "a stretch")) return;
   std::printf("reserved\n");
   std::fflush(stdout);
   RunScan();
