@@ -26,9 +26,7 @@ using zmx_test::EnvVars;
 // The folders made here go when the test program ends.
 struct Folders {
   std::vector<std::string> made;
-  ~Folders() {
-    for (const auto& folder : made) std::filesystem::remove_all(folder);
-  }
+  ~Folders() { for (const auto& folder : made) std::filesystem::remove_all(folder); }
 };
 Folders g_folders;
 
