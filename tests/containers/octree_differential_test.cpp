@@ -57,9 +57,7 @@ std::set<unsigned int> CollectLeaves(const omi_OctreeCell* cell, int level, std:
     const std::set<unsigned int> below = CollectLeaves(branch->Child(i), level + 1, out);
     items.insert(below.begin(), below.end());
   }
-  if (level > 1) {
-    EXPECT_GE(items.size(), 257u) << "branch at level " << level;
-  }
+  EXPECT_TRUE(level == 1 || items.size() >= 257u) << "branch at level " << level << " holds " << items.size();
   return items;
 }
 
@@ -106,19 +104,11 @@ unsigned int CheckLeaves(const omi_Octree& tree, const std::vector<LeafInfo>& le
     std::vector<unsigned int> held, expected;
     for (unsigned int i = 0; i < l.leaf->Count(); ++i) held.push_back(l.leaf->ItemAt(i));
     std::sort(held.begin(), held.end());
-    for (unsigned int i = 0; i < boxes.size(); ++i) {
-      if (Reaches(l, boxes[i].lo, boxes[i].hi)) expected.push_back(i);
-    }
+    for (unsigned int i = 0; i < boxes.size(); ++i) if (Reaches(l, boxes[i].lo, boxes[i].hi)) expected.push_back(i);
     EXPECT_EQ(held, expected) << "leaf " << l.leaf->Number() << " at level " << l.level;
   }
   return growable;
 }
-
-struct TreeConfig {
-  unsigned int seed;
-  float tolerance;
-  float walkTolerance;
-};
 
 // Uniform small boxes, two tight clusters, coordinates snapped onto cell
 // planes, and a pile of identical points that splits down to the depth limit.
@@ -174,10 +164,7 @@ void RandomSegment(std::mt19937& rng, float* s, float* e, float tolerance) {
 }
 
 struct WalkTally {
-  unsigned long crossed = 0;
-  unsigned long missed = 0;
-  unsigned long initFalseCrossing = 0;
-  unsigned long segments = 0;
+  unsigned long crossed = 0, missed = 0, initFalseCrossing = 0, segments = 0;
 };
 
 void CheckWalks(const omi_Octree& tree, const std::vector<LeafInfo>& leaves, float e, std::mt19937& rng,
@@ -199,9 +186,7 @@ void CheckWalks(const omi_Octree& tree, const std::vector<LeafInfo>& leaves, flo
     for (unsigned int a = 0; a < 3; ++a) startInside = startInside && s[a] >= -kHalf - e && s[a] <= kHalf + e;
 
     const bool started = walk.Init(&tree, s, en, e);
-    if (startInside) {
-      ASSERT_TRUE(started);
-    }
+    ASSERT_TRUE(started || !startInside);
     std::set<const omi_OctreeLeaf*> seen;
     bool first = true;
     while (const omi_OctreeLeaf* leaf = started ? walk.NextCell() : nullptr) {
@@ -209,16 +194,12 @@ void CheckWalks(const omi_Octree& tree, const std::vector<LeafInfo>& leaves, flo
       const LeafInfo* info = byLeaf[leaf->Number()];
       ASSERT_TRUE(info != nullptr && info->leaf == leaf) << "not a leaf of the tree";
       ASSERT_TRUE(seen.insert(leaf).second) << "leaf " << leaf->Number() << " returned twice";
-      if (first && startInside) {
-        ASSERT_EQ(leaf, tree.FindCell(s));
-      }
+      ASSERT_TRUE(!first || !startInside || leaf == tree.FindCell(s)) << "the first leaf holds the start";
       first = false;
       ASSERT_TRUE(SegmentNearLeaf(s, d, 1.0 + step, *info, e + 1e-3))
           << "leaf " << leaf->Number() << " beyond the tolerance of segment " << n;
     }
-    if (!started) {
-      ASSERT_EQ(walk.NextCell(), nullptr);
-    }
+    ASSERT_TRUE(started || walk.NextCell() == nullptr);
     ++tally.segments;
     if (length == 0.0) continue;
     for (const LeafInfo& l : leaves) {
@@ -233,9 +214,12 @@ void CheckWalks(const omi_Octree& tree, const std::vector<LeafInfo>& leaves, flo
 }
 
 TEST(OctreeDifferential, LeavesFindCellAndWalksAgreeWithBruteForce) {
-  const TreeConfig configs[] = {{11u, 1e-3f, 1e-3f}, {12u, 2.0f, 0.5f}, {13u, 2.0f, 2.0f}};
+  const struct {
+    unsigned int seed;
+    float tolerance, walkTolerance;
+  } configs[] = {{11u, 1e-3f, 1e-3f}, {12u, 2.0f, 0.5f}, {13u, 2.0f, 2.0f}};
   WalkTally tally;
-  for (const TreeConfig& config : configs) {
+  for (const auto& config : configs) {
     SCOPED_TRACE(config.seed);
     std::mt19937 rng(config.seed);
     Boxes boxes;

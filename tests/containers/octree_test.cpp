@@ -41,9 +41,7 @@ int LevelOf(const omi_OctreeCell* cell, const omi_OctreeLeaf* leaf, int level = 
 }
 
 bool Holds(const omi_OctreeLeaf* leaf, unsigned int item) {
-  for (unsigned int i = 0; i < leaf->Count(); ++i) {
-    if (leaf->ItemAt(i) == item) return true;
-  }
+  for (unsigned int i = 0; i < leaf->Count(); ++i) if (leaf->ItemAt(i) == item) return true;
   return false;
 }
 
@@ -73,16 +71,12 @@ TEST(Octree, ConstructionRaisesTheHalfSizeAndPicksTheSmallestSplittableAxis) {
     const omi_OctVector& s = tree.SmallestHalfSize();
     EXPECT_TRUE(s.x == c.smallest[0] && s.y == c.smallest[1] && s.z == c.smallest[2]) << s.x << " " << s.y << " " << s.z;
     EXPECT_EQ(tree.ChosenAxis(), c.axis);
-    unsigned int children = 0;
     for (unsigned int a = 0; a < 3; ++a) {
       EXPECT_EQ(tree.Splittable(a), ((c.splittable >> a) & 1) != 0) << a;
       EXPECT_EQ(root->Split(a), ((c.split >> a) & 1) != 0) << a;
     }
-    for (unsigned int i = 0; i < 8; ++i) {
-      EXPECT_EQ(root->Child(i) != nullptr, (i & ~c.splittable) == 0) << i;
-      children += root->Child(i) != nullptr;
-    }
-    EXPECT_EQ(tree.LeafCount(), children);
+    for (unsigned int i = 0; i < 8; ++i) EXPECT_EQ(root->Child(i) != nullptr, (i & ~c.splittable) == 0) << i;
+    EXPECT_EQ(tree.LeafCount(), 1u << __builtin_popcount(c.splittable));  // one leaf per child made
   }
   // Without a splittable axis a full leaf grows instead of splitting.
   omi_Octree flat(omi_OctVector(0, 0, 0), omi_OctVector(1, 1, 1), kNaN, nullptr, nullptr);
@@ -234,7 +228,7 @@ TEST(Octree, WordBlocksServeReuseAndGrow) {
   EXPECT_TRUE(none.IsNull());
 }
 
-TEST(Octree, DumpPrintsTotalsAndBlocksByteForByte) {
+TEST(Octree, DumpPrintsTotalsAndBlocksByteForByteAndMisuseAborts) {
   const auto result = zmx_test::RunProbe("container_dump_probe", "octree_dumps");
   ASSERT_TRUE(zmx_test::ExitedCleanly(result));
   const std::string blocks = "MemoryBlocks: Count=1, Size=4152, Waste=3072\nFreedBlocks: Count=0, Size=0\n";
@@ -246,9 +240,7 @@ TEST(Octree, DumpPrintsTotalsAndBlocksByteForByte) {
                 "Total nodeCount=10, numCell=10, numLeaf=8, maxDepth=3, size=1552\n"
                 "MemoryBlocks: Count=2, Size=20208, Waste=19072\n"
                 "FreedBlocks: Count=1, Size=16056\n");
-}
-
-TEST(Octree, MisuseAbortsWithAMessage) {
+  // Misuse aborts with a message.
   const struct {
     const char* scenario;
     const char* message;
@@ -257,10 +249,10 @@ TEST(Octree, MisuseAbortsWithAMessage) {
       {"octree_request_too_large", "ERROR: omi_Octree::MemAlloc: a request of 2147483648 words is too large\n"},
   };
   for (const auto& c : cases) {
-    const auto result = zmx_test::RunProbe("container_dump_probe", c.scenario);
-    EXPECT_EQ(result.signal, SIGABRT) << zmx_test::Describe(result);
-    EXPECT_EQ(result.err, c.message);
-    EXPECT_EQ(result.out, "");
+    const auto aborted = zmx_test::RunProbe("container_dump_probe", c.scenario);
+    EXPECT_EQ(aborted.signal, SIGABRT) << zmx_test::Describe(aborted);
+    EXPECT_EQ(aborted.err, c.message);
+    EXPECT_EQ(aborted.out, "");
   }
 }
 

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -122,27 +123,28 @@ TEST_F(Alerts, ArmingAndDisarmingTwiceIsHarmless) {
   EXPECT_EQ(g_calls[0].number, 12);
 }
 
-TEST_F(Alerts, EverySignalReachesItsHandlerOnTheWorkerAndDisarmingRestoresTheActions) {
-  const auto result = zmx_test::RunProbe("services_probe", "alert_signals");
-  ASSERT_TRUE(zmx_test::ExitedCleanly(result));
-  EXPECT_EQ(result.out, "2 15 20 18 10 12 \noff worker 0\n");
-}
-
-TEST_F(Alerts, ASignalOfAKindWithoutHandlerKeepsItsOwnAction) {
-  const auto result = zmx_test::RunProbe("services_probe", "alert_signals", {}, {"4"});
-  EXPECT_EQ(result.signal, SIGUSR1) << zmx_test::Describe(result);
-}
-
-TEST_F(Alerts, AHandlerMayDisarmOrDestroyItsOwnListener) {
-  const auto result = zmx_test::RunProbe("services_probe", "handler_lets_go");
-  ASSERT_TRUE(zmx_test::ExitedCleanly(result)) << zmx_test::Describe(result);
-  EXPECT_EQ(result.out, "disarmed 1 restored 1\ndestroyed 2 restored 1\n");
-}
-
-TEST_F(Alerts, ARefusedWorkerLeavesTheListenerDisarmed) {
-  const auto result = zmx_test::RunProbe("services_probe", "arm_refused");
-  ASSERT_TRUE(zmx_test::ExitedCleanly(result)) << zmx_test::Describe(result);
-  EXPECT_EQ(result.out, "thread 0\ndisarmed\n");
+// Signals reach their handlers and disarming restores the actions; a kind without handler keeps its
+// signal's own action; a handler may let go of its own listener; a refused worker leaves it disarmed.
+TEST_F(Alerts, SignalsHandlersLettingGoAndRefusedWorkersInAFreshProcess) {
+  const struct {
+    const char* scenario;
+    std::vector<std::string> args;
+    int signal;  // 0: exits cleanly
+    const char* out;
+  } cases[] = {
+      {"alert_signals", {}, 0, "2 15 20 18 10 12 \noff worker 0\n"},
+      {"alert_signals", {"4"}, SIGUSR1, ""},
+      {"handler_lets_go", {}, 0, "disarmed 1 restored 1\ndestroyed 2 restored 1\n"},
+      {"arm_refused", {}, 0, "thread 0\ndisarmed\n"},
+  };
+  for (const auto& c : cases) {
+    const auto result = zmx_test::RunProbe("services_probe", c.scenario, {}, c.args);
+    EXPECT_EQ(result.signal, c.signal) << zmx_test::Describe(result);
+    if (c.signal == 0) {
+      EXPECT_TRUE(zmx_test::ExitedCleanly(result)) << c.scenario;
+      EXPECT_EQ(result.out, c.out) << c.scenario;
+    }
+  }
 }
 
 TEST_F(Alerts, ArmingIsRefusedWhileEveryQueueIsTakenAndAllowedOnceOneIsFree) {

@@ -32,8 +32,7 @@ void BurnCpu(double seconds) {
 }
 
 TEST(Timer, FreshResetAndUnstartedTimersReadZero) {
-  omi_Timer fresh;
-  omi_Timer stoppedOnly;
+  omi_Timer fresh, stoppedOnly;
   stoppedOnly.Stop();
   omi_Timer reset;
   reset.Start();
@@ -111,9 +110,7 @@ TEST(TimeOfDay, MillisecondResolutionNearTheSystemClock) {
 
 TEST(SessionCounter, HandsOutConsecutiveNumbersFromItsStart) {
   omi_settimecounterstart(5);
-  EXPECT_EQ(omi_gettimecounter(), 5.0);
-  EXPECT_EQ(omi_gettimecounter(), 6.0);
-  EXPECT_EQ(omi_gettimecounter(), 7.0);
+  for (double expected : {5.0, 6.0, 7.0}) EXPECT_EQ(omi_gettimecounter(), expected);
 }
 
 TEST(SessionCounter, AtTheLimitEveryCallPrintsTheOverflowLinesAndReturnsZero) {

@@ -15,8 +15,7 @@ namespace fp = zmx::platform;
 using zmx_test::RunProbe;
 
 struct Registers {
-  unsigned x87;
-  unsigned sse;
+  unsigned x87, sse;
   bool operator==(const Registers& o) const { return x87 == o.x87 && sse == o.sse; }
 };
 Registers Read() { return {fp::ReadX87Control(), fp::ReadSseControl()}; }
@@ -27,23 +26,22 @@ class FpeControl : public ::testing::Test {
   void TearDown() override { omn_enableFPE(); }
 };
 
-TEST_F(FpeControl, EnableTrapsInvalidZeroDivideOverflowOnBothUnitsAndSetsTheStatusPattern) {
+// Enabling traps invalid, zero-divide and overflow on both units and sets the
+// status pattern; disabling masks all and resets rounding and precision.
+TEST_F(FpeControl, EnableTrapsThreeExceptionsOnBothUnitsAndDisableMasksAll) {
   omn_disableFPE();
   omn_enableFPE();
-  const Registers r = Read();
+  Registers r = Read();
   EXPECT_EQ(r.x87 & 0x3Fu, 0x32u);    // denormal, underflow, precision masked
   EXPECT_EQ(r.sse & 0x1F80u, 0x1900u);
   EXPECT_EQ(r.sse & 0x3Fu, 0x1Du);    // status flags raised and cleared as kept
   EXPECT_NE(r.sse & fp::kSseFlushToZero, 0u);
   EXPECT_NE(r.sse & fp::kSseDenormalsAreZero, 0u);
   EXPECT_EQ(fp::ControlFp(0, 0) & (fp::kFpExceptionField | fp::kFpDenormalField), 0x80003u | fp::kFpDenormalFlush);
-}
-
-TEST_F(FpeControl, DisableMasksAllAndResetsRoundingAndPrecision) {
-  omn_enableFPE();  // denormals flushed, which disabling leaves as they are
+  // Denormals are flushed now, which disabling leaves as they are.
   fp::ControlFp(0x200 | 0x10000, fp::kFpRoundingField | fp::kFpPrecisionField);
   omn_disableFPE();
-  const Registers r = Read();
+  r = Read();
   EXPECT_EQ(r.x87 & 0xF3Fu, 0x33Fu);  // all masked, 64-bit precision, to nearest
   EXPECT_EQ(r.sse & 0x1F80u, 0x1F80u);
   EXPECT_EQ(r.sse & (3u << 13), 0u);
@@ -76,8 +74,7 @@ TEST_F(FpeControl, ControlValuesReachBothUnits) {
 
 TEST_F(FpeControl, ClearFpReportsAndClearsPendingFlags) {
   omn_disableFPE();
-  volatile double zero = 0.0;
-  volatile double q = 1.0 / zero;
+  volatile double zero = 0.0, q = 1.0 / zero;
   (void)q;
   EXPECT_NE(fp::ClearFp() & fp::kFpMaskZeroDivide, 0u);
   EXPECT_EQ(fp::ReadSseControl() & fp::kSseStatusFlags, 0u);
@@ -134,12 +131,12 @@ TEST(FpeTraps, AnUnbalancedReleaseIsReportedAndTheCountStaysAtZero) {
 }
 
 TEST(ErrorMode, DecidedOnceFromThePresenceOfTheVariable) {
-  const auto plain = RunProbe("services_probe", "error_mode");
-  ASSERT_TRUE(zmx_test::ExitedCleanly(plain));
-  EXPECT_EQ(plain.out, "before ffffffff\nstarted ffffffff\nset 2\n");
-  const auto popups = RunProbe("services_probe", "error_mode", {{"QVL_DEBUG_POPUP", ""}});
-  ASSERT_TRUE(zmx_test::ExitedCleanly(popups));
-  EXPECT_EQ(popups.out, "before ffffffff\nstarted 0\nset 0\n");
+  for (const bool popups : {false, true}) {
+    const zmx_test::EnvVars env = popups ? zmx_test::EnvVars{{"QVL_DEBUG_POPUP", ""}} : zmx_test::EnvVars{};
+    const auto r = RunProbe("services_probe", "error_mode", env);
+    ASSERT_TRUE(zmx_test::ExitedCleanly(r));
+    EXPECT_EQ(r.out, popups ? "before ffffffff\nstarted 0\nset 0\n" : "before ffffffff\nstarted ffffffff\nset 2\n");
+  }
 }
 
 TEST(SystemErrorCode, CapturesTheCodeOfItsTypeOnly) {

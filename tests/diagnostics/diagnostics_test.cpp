@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -30,23 +32,25 @@ zmx_test::ChildResult Probe(const std::string& scenario, const std::vector<std::
   return result;
 }
 
-const char kCompactZeros[] =
-    "\nMEMORY USE SUMMARY\n"
-    "   Free Memory      = 0   Committed Memory = 0   Reserved Memory  = 0\n"
-    "   Max Free Block Size = 0   PTR = 0\n"
-    "   Max Reserved Block Size = 0   PTR = 0\n";
-const char kLongZeros[] =
-    "\nMEMORY USE SUMMARY\n"
-    "   Free Memory      = 0\n   Committed Memory = 0\n   Reserved Memory  = 0\n"
-    "\n   Max Free Block Size = 0\n    PTR = 0\n"
-    "   Max Reserved Block Size = 0\n   PTR = 0\n\n";
+// The scan's closing summary in its compact (level 0) and long forms; the
+// largest free block of every scan here starts at 0.
+using Text = const std::string&;
+std::string Compact(Text free, Text committed, Text reserved, Text maxFree, Text maxReserved, Text at) {
+  return "\nMEMORY USE SUMMARY\n   Free Memory      = " + free + "   Committed Memory = " + committed +
+         "   Reserved Memory  = " + reserved + "\n   Max Free Block Size = " + maxFree +
+         "   PTR = 0\n   Max Reserved Block Size = " + maxReserved + "   PTR = " + at + "\n";
+}
+std::string Long(Text free, Text committed, Text reserved, Text maxFree, Text maxReserved, Text at) {
+  return "\nMEMORY USE SUMMARY\n   Free Memory      = " + free + "\n   Committed Memory = " + committed +
+         "\n   Reserved Memory  = " + reserved + "\n\n   Max Free Block Size = " + maxFree +
+         "\n    PTR = 0\n   Max Reserved Block Size = " + maxReserved + "\n   PTR = " + at + "\n\n";
+}
 
 TEST(Diagnostics, ScanWithLimitZeroPrintsOnlyTheSummary) {
-  const struct {
-    const char* level;
-    const char* expected;
-  } cases[] = {{"0", kCompactZeros}, {"1", kLongZeros}, {"2", kLongZeros}, {"7", kLongZeros}};
-  for (const auto& c : cases) EXPECT_EQ(Probe("scan", {c.level, "0"}).err, c.expected) << c.level;
+  for (const char* level : {"0", "1", "2", "7"}) {
+    EXPECT_EQ(Probe("scan", {level, "0"}).err, (level[0] == '0' ? Compact : Long)("0", "0", "0", "0", "0", "0"))
+        << level;
+  }
 }
 
 // The probe maps two inaccessible stretches of 0x30000 bytes, at 0x40000000 and
@@ -66,22 +70,8 @@ TEST(Diagnostics, ScanStopsAtTheRegionThatCrossesTwoGigabytesWhateverTheLimit) {
   // Equal reserved sizes: the first one stays the largest.
   const std::string compact = std::string(kFirstFree) + kFirstReserved + kSecondFree + kCommitted + kThirdFree +
                               kSecondReserved +
-                              "\nMEMORY USE SUMMARY\n"
-                              "   Free Memory      = 2147090432   Committed Memory = 65536"
-                              "   Reserved Memory  = 393216\n"
-                              "   Max Free Block Size = 1073741824   PTR = 0\n"
-                              "   Max Reserved Block Size = 196608   PTR = 40000000\n";
-  const std::string longSummary =
-      "\nMEMORY USE SUMMARY\n"
-      "   Free Memory      = 2147090432\n   Committed Memory = 65536\n   Reserved Memory  = 393216\n"
-      "\n   Max Free Block Size = 1073741824\n    PTR = 0\n"
-      "   Max Reserved Block Size = 196608\n   PTR = 40000000\n\n";
-  const std::string uptoFirstReserved =
-      std::string(kFirstFree) + kFirstReserved +
-      "\nMEMORY USE SUMMARY\n"
-      "   Free Memory      = 1073741824   Committed Memory = 0   Reserved Memory  = 196608\n"
-      "   Max Free Block Size = 1073741824   PTR = 0\n"
-      "   Max Reserved Block Size = 196608   PTR = 40000000\n";
+                              Compact("2147090432", "65536", "393216", "1073741824", "196608", "40000000");
+  const std::string longSummary = Long("2147090432", "65536", "393216", "1073741824", "196608", "40000000");
   const struct {
     const char* level;
     const char* limit;
@@ -92,12 +82,9 @@ TEST(Diagnostics, ScanStopsAtTheRegionThatCrossesTwoGigabytesWhateverTheLimit) {
       {"0", "0x7FFFFFFF", compact},
       {"1", "0x7FFFFFFF", std::string(kFirstFree) + kSecondFree + kThirdFree + longSummary},
       {"2", "0x7FFFFFFF", longSummary},
-      {"0", "0x40000001", uptoFirstReserved},  // stops once a region reaches the limit
-      {"0", "0x40000000", std::string(kFirstFree) +
-                              "\nMEMORY USE SUMMARY\n"
-                              "   Free Memory      = 1073741824   Committed Memory = 0   Reserved Memory  = 0\n"
-                              "   Max Free Block Size = 1073741824   PTR = 0\n"
-                              "   Max Reserved Block Size = 0   PTR = 0\n"},
+      {"0", "0x40000001",  // stops once a region reaches the limit
+       kFirstFree + (kFirstReserved + Compact("1073741824", "0", "196608", "1073741824", "196608", "40000000"))},
+      {"0", "0x40000000", kFirstFree + Compact("1073741824", "0", "0", "1073741824", "0", "0")},
   };
   for (const auto& c : cases) {
     const auto result = Probe("scan_reserved", {c.level, c.limit});
@@ -130,37 +117,27 @@ TEST(Diagnostics, RegionQueryClassifiesMappings) {
   ASSERT_EQ(ftruncate(fileno(file), static_cast<off_t>(2 * page)), 0);
   void* fileMap = mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE, fileno(file), 0);
   ASSERT_NE(fileMap, MAP_FAILED);
-  const int onStack = 0;
 
-  const platform::Region reserved = Query(stretch + 10);
-  const platform::Region committed = Query(stretch + page + 10);
+  const platform::Region reserved = Query(stretch + 10), committed = Query(stretch + page + 10);
   const platform::Region mapped = Query(static_cast<char*>(fileMap) + page + 1);
   const platform::Region image = Query(reinterpret_cast<const void*>(&mem_ScanMemory));
-  const platform::Region stack = Query(&onStack);
+  const platform::Region stack = Query(&page);
 
-  EXPECT_EQ(reserved.base, reinterpret_cast<std::uintptr_t>(stretch));
-  EXPECT_EQ(reserved.size, page);
-  EXPECT_EQ(reserved.state, platform::kMemReserve);
-  EXPECT_EQ(reserved.type, platform::kMemPrivate);
-  EXPECT_EQ(committed.base, reserved.base + page);
-  EXPECT_EQ(committed.size, page);
-  EXPECT_EQ(committed.state, platform::kMemCommit);
-  EXPECT_EQ(committed.allocationBase, reserved.allocationBase);  // one anonymous run
+  const auto at = [](const void* p) { return reinterpret_cast<std::uintptr_t>(p); };
+  using Fields = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t>;
+  EXPECT_EQ(Fields(reserved.base, reserved.size, reserved.state, reserved.type),
+            Fields(at(stretch), page, platform::kMemReserve, platform::kMemPrivate));
+  EXPECT_EQ(Fields(committed.base, committed.size, committed.state, committed.allocationBase),
+            Fields(reserved.base + page, page, platform::kMemCommit, reserved.allocationBase));  // one anonymous run
   EXPECT_LE(reserved.allocationBase, reserved.base);
-  EXPECT_EQ(mapped.type, platform::kMemMapped);
-  EXPECT_EQ(mapped.base, reinterpret_cast<std::uintptr_t>(fileMap) + page);
-  EXPECT_EQ(mapped.size, page);
-  EXPECT_EQ(mapped.allocationBase, reinterpret_cast<std::uintptr_t>(fileMap));
-  EXPECT_EQ(image.type, platform::kMemImage);
-  EXPECT_EQ(image.state, platform::kMemCommit);
+  EXPECT_EQ(Fields(mapped.base, mapped.size, mapped.type, mapped.allocationBase),
+            Fields(at(fileMap) + page, page, platform::kMemMapped, at(fileMap)));
+  EXPECT_EQ(std::make_pair(image.type, image.state), std::make_pair(platform::kMemImage, platform::kMemCommit));
   EXPECT_EQ(stack.type, platform::kMemPrivate);
-
   // Query where the unmapped page was: free, or (when another mapping moved in) not ours.
   const platform::Region gap = Query(stretch + 3 * page);
   if (gap.state == platform::kMemFree) {
-    EXPECT_EQ(gap.base, reinterpret_cast<std::uintptr_t>(stretch) + 3 * page);
-    EXPECT_EQ(gap.type, 0u);
-    EXPECT_EQ(gap.allocationBase, 0u);
+    EXPECT_EQ(Fields(gap.base, 0, gap.type, gap.allocationBase), Fields(at(stretch) + 3 * page, 0, 0, 0));
   }
   platform::Region none;
   EXPECT_FALSE(platform::QueryRegion(0x800000000000ull, none));
@@ -202,7 +179,7 @@ std::vector<Snapshot> ReadSnapshots(const std::string& out, std::vector<std::uin
   return snapshots;
 }
 
-TEST(Diagnostics, SnapshotOfTheGeneralHeapIsItsFootprint) {
+TEST(Diagnostics, SnapshotOfTheGeneralHeapIsItsFootprintAndTheRuntimeHeapFollowsItsBlocks) {
   std::vector<std::uint64_t> footprints;
   const auto snaps = ReadSnapshots(Probe("snapshot", {"10", "100000"}).out, footprints);
   ASSERT_EQ(snaps.size(), 3u);
@@ -215,22 +192,19 @@ TEST(Diagnostics, SnapshotOfTheGeneralHeapIsItsFootprint) {
     EXPECT_EQ(s.free, 0u);
     EXPECT_EQ(s.reserved, 0u);
   }
-}
-
-TEST(Diagnostics, SnapshotOfTheRuntimeHeapFollowsItsBlocks) {
-  // Blocks too large for the runtime's per-thread cache, and blocks it maps directly.
+  // The runtime heap's snapshot follows its blocks: blocks too large for its
+  // per-thread cache, and blocks it maps directly.
   const struct {
     std::uint64_t count, bytes;
   } cases[] = {{10, 2000}, {8, 300000}};
   for (const auto& c : cases) {
-    std::vector<std::uint64_t> footprints;
-    const auto snaps = ReadSnapshots(
-        Probe("snapshot", {std::to_string(c.count), std::to_string(c.bytes)}, {{"ZMX_CRTMALLOC", "1"}}).out,
-        footprints);
-    ASSERT_EQ(snaps.size(), 3u);
-    EXPECT_GE(snaps[1].inUse, snaps[0].inUse + c.count * c.bytes) << c.bytes;
-    EXPECT_LT(snaps[2].inUse, snaps[1].inUse) << c.bytes;
-    for (const Snapshot& s : snaps) {
+    std::vector<std::uint64_t> unused;
+    const auto runtime = ReadSnapshots(
+        Probe("snapshot", {std::to_string(c.count), std::to_string(c.bytes)}, {{"ZMX_CRTMALLOC", "1"}}).out, unused);
+    ASSERT_EQ(runtime.size(), 3u);
+    EXPECT_GE(runtime[1].inUse, runtime[0].inUse + c.count * c.bytes) << c.bytes;
+    EXPECT_LT(runtime[2].inUse, runtime[1].inUse) << c.bytes;
+    for (const Snapshot& s : runtime) {
       EXPECT_EQ(s.committed, s.inUse + s.free) << c.bytes;
       EXPECT_EQ(s.reserved, 0u);
     }

@@ -22,13 +22,12 @@ const char kMarkers[] =
     "Destroying a protection page at address 0x00000000, size 0\n";
 
 TEST(FaultExercisers, GuardedHeapReportsOverrunsAndNothingElse) {
-  struct Case {
+  const std::string markersThenReturn = std::string(kMarkers) + "returned\n";
+  const struct {
     const char* exerciser;
     const char* err;  // pattern for the whole of standard error
     const char* out;  // pattern for the whole of standard output
-  };
-  const std::string markersThenReturn = std::string(kMarkers) + "returned\n";
-  const Case cases[] = {
+  } cases[] = {
       {"mem_heap_overwrite1", "FREE:memory overwrite detected at 0x[0-9a-f]+ back end\n", "returned\n"},
       {"mem_heap_underwrite1", "FREE:memory overwrite detected at 0x[0-9a-f]+ front end\n", "returned\n"},
       {"mem_heap_read_after_free1", "", "returned\n"},
@@ -39,7 +38,7 @@ TEST(FaultExercisers, GuardedHeapReportsOverrunsAndNothingElse) {
       {"mem_heap_mismatch_malloc_delete1", "", "returned\n"},
       {"mem_stack_umr01", "", markersThenReturn.c_str()},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.exerciser);
     const ChildResult r = RunProbe("guards_probe", "exercise", {{"ZEM_DEADBEEF", "1"}}, {c.exerciser});
     ASSERT_TRUE(ExitedCleanly(r));

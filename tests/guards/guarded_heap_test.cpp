@@ -23,18 +23,6 @@ using zmx_test::RunProbe;
 
 const EnvVars kGuarded = {{"ZEM_DEADBEEF", "1"}};
 
-// Splits the probe's output into the addresses it printed (bare hex lines) and the other lines.
-void SplitOutput(const std::string& out, std::vector<std::string>& addresses, std::string& rest) {
-  std::istringstream lines(out);
-  const std::regex hex("[0-9a-f]+");
-  for (std::string line; std::getline(lines, line);) {
-    if (std::regex_match(line, hex))
-      addresses.push_back(line);
-    else
-      rest += line + "\n";
-  }
-}
-
 // Each scenario prints the addresses its reports must name (bare hex lines);
 // standard error must hold exactly those reports and the other output must match.
 TEST(GuardedHeap, ReportsExactlyTheBrokenGuardsAndGoesOn) {
@@ -73,9 +61,13 @@ TEST(GuardedHeap, ReportsExactlyTheBrokenGuardsAndGoesOn) {
     SCOPED_TRACE(std::string(c.scenario) + " " + c.arg);
     const ChildResult r = RunProbe("guards_probe", c.scenario, c.env, {c.arg});
     ASSERT_TRUE(ExitedCleanly(r));
-    std::vector<std::string> addresses;
+    std::vector<std::string> addresses;  // the bare hex lines
     std::string rest;
-    SplitOutput(r.out, addresses, rest);
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);) {
+      if (std::regex_match(line, std::regex("[0-9a-f]+"))) addresses.push_back(line);
+      else rest += line + "\n";
+    }
     ASSERT_EQ(addresses.size(), c.reports.size()) << Describe(r);
     std::string expected;
     for (std::size_t i = 0; i < addresses.size(); ++i) {

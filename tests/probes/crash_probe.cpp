@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 
 #include "ZMXUTI_CoreUtils.h"
@@ -78,6 +79,13 @@ void Setup() {
   zmx_probe::BringUp(UTI_CoreUtils_initialize);
 }
 
+// Takes the library down and brings it up again.
+void Restart() {
+  int depth = 1;
+  UTI_CoreUtils_finalize(depth);
+  UTI_CoreUtils_initialize(depth);
+}
+
 void Say(const char* text) {
   if (write(STDOUT_FILENO, text, std::strlen(text)) < 0) std::_Exit(5);
 }
@@ -85,15 +93,8 @@ void Say(const char* text) {
 PROBE_FRAME void NullScenario() { Setup(); g_sink = CallerOfNullDeref(); }
 PROBE_FRAME void OverflowScenario() { Setup(); g_sink = Overflow(0); }
 PROBE_FRAME void IntDivideScenario() { Setup(); g_sink = IntDivide(); }
-PROBE_FRAME void FloatDivideScenario() {
-  Setup();
-  feenableexcept(FE_DIVBYZERO);
-  g_sink = FloatDivide();
-}
-PROBE_FRAME void AbortScenario() {
-  Setup();
-  std::abort();
-}
+PROBE_FRAME void FloatDivideScenario() { Setup(); feenableexcept(FE_DIVBYZERO); g_sink = FloatDivide(); }
+PROBE_FRAME void AbortScenario() { Setup(); std::abort(); }
 PROBE_FRAME void DeepScenario() { Setup(); g_sink = Deep(300); }
 PROBE_FRAME void LongNameScenario() { Setup(); g_sink = CrashInLongName<Nest<25>::type>(); }
 
@@ -152,15 +153,13 @@ long EndProcess(omi_ExceptionPointers* fault) {
 void DispatchScenario() {
   Setup();
   omi_SetExceptionHandler(EndProcess);
-  if (std::strcmp(zmx_probe::Arg(3), "again") == 0) {
-    int depth = 1;
-    UTI_CoreUtils_finalize(depth);
-    UTI_CoreUtils_initialize(depth);
+  const std::string registered = zmx_probe::Arg(3);
+  if (registered == "again") {
+    Restart();
     omi_SetExceptionHandler(EndProcess);
   }
-  if (std::strcmp(zmx_probe::Arg(3), "probe") == 0) omi_RegisterModule(reinterpret_cast<void*>(&NullDeref));
-  if (std::strcmp(zmx_probe::Arg(3), "library") == 0)
-    omi_RegisterModule(reinterpret_cast<void*>(&omi_InstallCrashFilter));
+  if (registered == "probe") omi_RegisterModule(reinterpret_cast<void*>(&NullDeref));
+  if (registered == "library") omi_RegisterModule(reinterpret_cast<void*>(&omi_InstallCrashFilter));
   if (std::strcmp(zmx_probe::Arg(4), "overflow") == 0) Overflow(0);
   NullDeref();
 }
@@ -232,26 +231,16 @@ void TakenOverScenario() {
   action.sa_sigaction = ChainBack;
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGSEGV, &action, &g_libraryAction);
-  int depth = 1;
-  UTI_CoreUtils_finalize(depth);
-  UTI_CoreUtils_initialize(depth);
+  Restart();
   NullDeref();
 }
 
 constexpr zmx_probe::Scenario kScenarios[] = {
-    {"null", NullScenario},
-    {"overflow", OverflowScenario},
-    {"int_divide", IntDivideScenario},
-    {"float_divide", FloatDivideScenario},
-    {"abort", AbortScenario},
-    {"deep", DeepScenario},
-    {"long_name", LongNameScenario},
-    {"resume", ResumeScenario},
-    {"dispatch", DispatchScenario},
-    {"two_reports", TwoReportsScenario},
-    {"float_continue", FloatContinueScenario},
-    {"two_threads", TwoThreadsScenario},
-    {"taken_over", TakenOverScenario},
+    {"null", NullScenario}, {"overflow", OverflowScenario}, {"int_divide", IntDivideScenario},
+    {"float_divide", FloatDivideScenario}, {"abort", AbortScenario}, {"deep", DeepScenario},
+    {"long_name", LongNameScenario}, {"resume", ResumeScenario}, {"dispatch", DispatchScenario},
+    {"two_reports", TwoReportsScenario}, {"float_continue", FloatContinueScenario},
+    {"two_threads", TwoThreadsScenario}, {"taken_over", TakenOverScenario},
 };
 
 }  // namespace

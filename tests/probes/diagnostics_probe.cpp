@@ -24,13 +24,16 @@ struct Stretch {
 constexpr Stretch kStretches[] = {
     {0x40000000, 0x30000, PROT_NONE}, {0x60000000, 0x10000, PROT_READ}, {0x7FFE0000, 0x30000, PROT_NONE}};
 
-MEM_SCAN_LEVEL_ENM LevelArg() { return static_cast<MEM_SCAN_LEVEL_ENM>(std::atoi(zmx_probe::Arg(2))); }
+// Arguments: level, limit; or "ifc" for the entry point without arguments.
+void RunScan() {
+  if (std::strcmp(zmx_probe::Arg(2), "ifc") == 0) MEM_SCANMEMORY_IFC();
+  else mem_ScanMemory(static_cast<MEM_SCAN_LEVEL_ENM>(std::atoi(zmx_probe::Arg(2))),
+                      std::strtoull(zmx_probe::Arg(3), nullptr, 0));
+}
 
-// Arguments: level, limit.
 void Scan() {
   zmx_probe::BringUp(UTI_CoreUtils_initialize);
-  if (std::strcmp(zmx_probe::Arg(2), "ifc") == 0) MEM_SCANMEMORY_IFC();
-  else mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
+  RunScan();
 }
 
 // Maps `size` bytes exactly at `at`, never over an existing
@@ -46,21 +49,17 @@ bool MapExactly(std::uintptr_t at, std::size_t size, int protection, const char*
   return false;
 }
 
-// Arguments: level, limit; or "ifc" for the entry point without arguments.
-// Prints "reserved" on stdout once the stretches are in place, or why not.
+// Arguments as for RunScan. Prints "reserved" on stdout once the stretches are in place, or why not.
 void ScanAroundReservations() {
   zmx_probe::BringUp(UTI_CoreUtils_initialize);
   // The expected lines assume nothing else below the second stretch's end.
   constexpr std::uintptr_t kLow = 0x10000, kHigh = 0x80010000;
   if (!MapExactly(kLow, kHigh - kLow, PROT_NONE, "an empty low address space")) return;
   munmap(reinterpret_cast<void*>(kLow), kHigh - kLow);
-  for (const Stretch& s : kStretches) {
-    if (!MapExactly(s.at, s.size, s.protection, "a stretch")) return;
-  }
+  for (const Stretch& s : kStretches) if (!MapExactly(s.at, s.size, s.protection, "a stretch")) return;
   std::printf("reserved\n");
   std::fflush(stdout);
-  if (std::strcmp(zmx_probe::Arg(2), "ifc") == 0) MEM_SCANMEMORY_IFC();
-  else mem_ScanMemory(LevelArg(), std::strtoull(zmx_probe::Arg(3), nullptr, 0));
+  RunScan();
 }
 
 void FinalizeOnly() { mem_Debugger::Finalize(); }
@@ -104,11 +103,8 @@ void Snapshot() {
 
 int main(int argc, char** argv) {
   static const zmx_probe::Scenario scenarios[] = {
-      {"scan", Scan},
-      {"scan_reserved", ScanAroundReservations},
-      {"debugger_finalize_only", FinalizeOnly},
-      {"debugger_life_cycle", DebuggerLifeCycle},
-      {"snapshot", Snapshot},
+      {"scan", Scan}, {"scan_reserved", ScanAroundReservations}, {"debugger_finalize_only", FinalizeOnly},
+      {"debugger_life_cycle", DebuggerLifeCycle}, {"snapshot", Snapshot},
   };
   return zmx_probe::Dispatch(argc, argv, scenarios);
 }

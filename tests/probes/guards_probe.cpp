@@ -20,10 +20,7 @@
 
 namespace {
 
-void Up() {
-  int depth = 0;
-  UTI_CoreUtils_initialize(depth);
-}
+void Up() { zmx_probe::BringUp(UTI_CoreUtils_initialize); }
 
 // Hides a pointer's origin so the compiler keeps the deliberate stray writes.
 template <typename T>
@@ -32,9 +29,7 @@ T* Opaque(T* pointer) {
   return pointer;
 }
 
-unsigned Low32(const void* p) { return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p)); }
-
-void PrintAddress(const void* p) { std::printf("%x\n", Low32(p)); }
+void PrintAddress(const void* p) { std::printf("%x\n", static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p))); }
 
 // ---------------------------------------------------------------- breaches
 
@@ -76,7 +71,7 @@ void DamagedSizeWords() {
   for (const std::uint64_t word : {std::uint64_t{1} << 44, (std::uint64_t{1} << 63) | 5}) {
     char* block = Opaque(static_cast<char*>(mem_Malloc(10)));
     std::memcpy(block - 24, &word, sizeof word);
-    std::printf("%x\n", static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(block) + word));
+    PrintAddress(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(block) + word));
     mem_Free(block);
   }
 }
@@ -116,9 +111,7 @@ void Layout() {
   PrintLayout("malloc(13)", odd, 13, false);
   auto* empty = static_cast<unsigned char*>(mem_Malloc(0));
   PrintLayout("malloc(0)", empty, 0, false);
-  mem_Free(cleared);
-  mem_Free(odd);
-  mem_Free(empty);
+  for (void* block : {static_cast<void*>(cleared), static_cast<void*>(odd), static_cast<void*>(empty)}) mem_Free(block);
 }
 
 // Names the fault's kind on stdout, then dies of it as an unhandled one would.
@@ -244,17 +237,9 @@ void Exercise() {
 
 int main(int argc, char** argv) {
   static const zmx_probe::Scenario scenarios[] = {
-      {"back_overrun", BackOverrun},
-      {"front_underrun_realloc", FrontUnderrunRealloc},
-      {"both_ends", BothEnds},
-      {"damaged_size", DamagedSizeWords},
-      {"quiet", Quiet},
-      {"layout", Layout},
-      {"calloc_zero_size", CallocZeroSize},
-      {"overflow", Overflow},
-      {"operators", Operators},
-      {"randomized", Randomized},
-      {"exercise", Exercise},
+      {"back_overrun", BackOverrun}, {"front_underrun_realloc", FrontUnderrunRealloc}, {"both_ends", BothEnds},
+      {"damaged_size", DamagedSizeWords}, {"quiet", Quiet}, {"layout", Layout}, {"calloc_zero_size", CallocZeroSize},
+      {"overflow", Overflow}, {"operators", Operators}, {"randomized", Randomized}, {"exercise", Exercise},
   };
   return zmx_probe::Dispatch(argc, argv, scenarios);
 }

@@ -36,8 +36,7 @@ void FpeTrap() {
   zmx_probe::BringUp(UTI_CoreUtils_initialize);
   const char* op = zmx_probe::Arg(2);
   if (std::strcmp(zmx_probe::Arg(3), "disabled") == 0) omn_disableFPE();
-  volatile double zero = 0.0, three = 3.0, big = std::numeric_limits<double>::max(), tiny = 1e-300;
-  volatile double result = 0;
+  volatile double zero = 0.0, three = 3.0, big = std::numeric_limits<double>::max(), tiny = 1e-300, result = 0;
   if (std::strcmp(op, "divide") == 0) result = 1.0 / zero;
   if (std::strcmp(op, "invalid") == 0) result = zero / zero;
   if (std::strcmp(op, "overflow") == 0) result = big * 2.0;
@@ -185,12 +184,8 @@ void ArmRefused() {
 }
 
 const zmx_probe::Scenario kScenarios[] = {
-    {"session_counter_overflow", SessionCounterOverflow},
-    {"fpe_trap", FpeTrap},
-    {"freeze_release", FreezeRelease},
-    {"error_mode", ErrorMode},
-    {"alert_signals", AlertSignals},
-    {"arm_refused", ArmRefused},
+    {"session_counter_overflow", SessionCounterOverflow}, {"fpe_trap", FpeTrap}, {"freeze_release", FreezeRelease},
+    {"error_mode", ErrorMode}, {"alert_signals", AlertSignals}, {"arm_refused", ArmRefused},
     {"handler_lets_go", HandlerLetsGo},
 };
 

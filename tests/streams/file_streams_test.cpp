@@ -43,7 +43,7 @@ TEST(FileStreams, TextRoundTripsThroughANamedFile) {
   EXPECT_EQ(in.rdstate(), 3u);  // nothing left: failure and end of file
 }
 
-TEST(FileStreams, FreshOpenRefusesAnExistingFileAndAppendingOpenAddsToIt) {
+TEST(FileStreams, FreshOpensRefuseExistingFilesAppendingOpensAddAndMissingInputFails) {
   ScratchDir dir;
   const std::string path = dir.File("existing.txt");
   WriteFile(path, "old");
@@ -65,18 +65,15 @@ TEST(FileStreams, FreshOpenRefusesAnExistingFileAndAppendingOpenAddsToIt) {
   out.open(nullptr, false);
   EXPECT_EQ(out.rdstate(), 2u);
   EXPECT_EQ(out.fptr(), nullptr);
-}
 
-TEST(FileStreams, InputOpenOfAMissingFileSetsExactlyStateTwo) {
-  ScratchDir dir;
-  const std::string present = dir.File("present.txt"), missing = dir.File("missing.txt");
-  WriteFile(present, "x");
+  // An input open of a missing file sets exactly state two.
+  const std::string missing = dir.File("missing.txt");
   aio_ifstream in;
   EXPECT_EQ(in.open(missing.c_str()).rdstate(), 2u);
   EXPECT_EQ(in.fptr(), nullptr);
   EXPECT_EQ(in.open(nullptr).rdstate(), 2u);
   // End of file is cleared and what was attached stays.
-  FILE* attached = in.open(present.c_str()).fptr();
+  FILE* attached = in.open(path.c_str()).fptr();
   in.ignore(2, -1);
   EXPECT_EQ(in.open(missing.c_str()).rdstate(), 2u);
   EXPECT_EQ(in.fptr(), attached);

@@ -70,30 +70,24 @@ TEST(StringStream, AdoptStringReturnsEverythingWrittenSinceConstruction) {
   EXPECT_TRUE(s.good());
 }
 
-struct DirCase {
-  bool set;            // TMPDIR set at all, and to what
-  std::string tmpDir;
-  unsigned int first;  // first unique number
-  std::string where;   // expected directory and file name
-  std::string name;
-};
-
 TEST(TempFiles, NamesFollowTheTmpDirAndTheFirstNumber) {
   ScratchDir dir;
   const std::string longDir = "/" + std::string(300, 'd');
-  const DirCase cases[] = {
+  const struct {
+    bool set;  // TMPDIR set at all, and to what
+    std::string tmpDir;
+    unsigned int first;  // first unique number
+    std::string where, name;  // expected directory and file name
+  } cases[] = {
       {true, dir.path(), 0x1AB, dir.path(), "utl01AB.TMP"},
       {true, dir.path() + "//", 0x1FFFF, dir.path(), "utlFFFF.TMP"},
       {true, "", 0xBEEF, "/tmp", "utlBEEF.TMP"},
       {true, longDir, 0xBEEF, "/tmp", "utlBEEF.TMP"},
       {false, "", 0, "/tmp", "utl0000.TMP"},
   };
-  for (const DirCase& c : cases) {
-    if (c.set) {
-      dir.UseAsTmpDir(c.tmpDir);
-    } else {
-      unsetenv("TMPDIR");
-    }
+  for (const auto& c : cases) {
+    if (c.set) dir.UseAsTmpDir(c.tmpDir);
+    else unsetenv("TMPDIR");
     FILE* f = CreateTempFileFrom(c.first);
     ASSERT_NE(f, nullptr) << c.tmpDir;
     EXPECT_EQ(LinkOf(f), c.where + "/" + c.name + " (deleted)");
