@@ -46,7 +46,7 @@ inline void* Heap::MallocHeld(size_t bytes, size_t& nb) {
     }
   } else if (bytes >= kMaxRequest) {
     nb = 0;
-    return nullptr;
+    return RefuseHugeRequest(bytes);
   } else {
     nb = PadRequest(bytes);
     if (treeMap != 0) {
@@ -235,7 +235,7 @@ Chunk* Heap::ResizeInPlace(Chunk* p, size_t nb) {
 }
 
 void* Heap::Realloc(void* mem, size_t bytes) {
-  if (bytes >= kMaxRequest) return nullptr;
+  if (bytes >= kMaxRequest) return RefuseHugeRequest(bytes);
   Chunk* p = FromMem(mem);
   Require(OkAddress(p) && IsInuse(p) && (!IsMapped(p) || MappingIntact(p)), "realloc of a block that is not in use");
   if (Chunk* q = ResizeInPlace(p, RequestToSize(bytes))) return ToMem(q);
@@ -250,7 +250,7 @@ void* Heap::Realloc(void* mem, size_t bytes) {
 void* Heap::Memalign(size_t alignment, size_t bytes) {
   if (alignment <= kAlign) return Malloc(bytes);
   // Before the rounding below, which would never end for alignments above 2^63.
-  if (bytes >= kMaxRequest || alignment >= kMaxRequest) return nullptr;
+  if (bytes >= kMaxRequest || alignment >= kMaxRequest) return RefuseHugeRequest(bytes > alignment ? bytes : alignment);
   if (alignment < kMinChunk) alignment = kMinChunk;
   if ((alignment & (alignment - 1)) != 0) {
     size_t a = kMinChunk << 1;

@@ -44,6 +44,11 @@ bool Heap::RequestAllowed(size_t size) {
   return false;
 }
 
+void* Heap::RefuseHugeRequest(size_t size) {
+  if (size < kWrapGuard) RequestAllowed(size);
+  return nullptr;
+}
+
 // Widens the range of addresses that free and realloc accept to cover a new run.
 void Heap::NoteRun(char* base, size_t size) {
   char* end = leastAddr == nullptr ? base + size : leastAddr + addrSpan;

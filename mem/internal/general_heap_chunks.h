@@ -23,6 +23,9 @@ constexpr size_t kMinRequest = kMinChunk - kChunkOverhead - 1;
 // Larger requests are refused outright; far beyond any address space we can map,
 // it keeps every size computation below free of overflow.
 constexpr size_t kMaxRequest = size_t(1) << 60;
+// Requests from here on would wrap the chunk-size arithmetic itself; they alone
+// are refused before the limit rule (every other refused size is a failed system request).
+constexpr size_t kWrapGuard = (~kMinChunk + 1) << 2;
 
 // Head flags. A chunk with both in-use bits clear is a direct mapping.
 constexpr size_t kPinuse = 1;  // the previous chunk is in use

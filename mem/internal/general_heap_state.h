@@ -129,6 +129,8 @@ class Heap {
   // ---- system memory (general_heap_system.cpp) ----
   void* MallocFromSystem(size_t nb, size_t bytes);
   bool RequestAllowed(size_t size);
+  // Null for a request no system can serve, after the limit rule has judged it.
+  void* RefuseHugeRequest(size_t size);
   bool GrowHeap(size_t nb);
   void* MapDirect(size_t nb);
   void UnmapDirect(Chunk* p);

@@ -30,7 +30,10 @@ TEST(HeapLimit, ARequestReachingTheLimitExactlyIsRefusedAndHeldSpaceStillServes)
             "status_after_small -1\n"
             "footprint_unchanged 1\n"
             "one_more_allowed 1\n"
-            "status_after_allowed 0\n");
+            "status_after_allowed 0\n"
+            "huge_refused_status 10\n"
+            "huge_refused_status 10\n"
+            "huge_refused_status 10\n");
 }
 
 TEST(HeapLimit, ANewLimitIsStoredAtOnceButEnforcedFromTheNextMalloptCall) {

@@ -52,6 +52,15 @@ void LimitBoundary() {
   void* allowed = dlmalloc(kBig);
   Show("one_more_allowed", allowed != nullptr);
   Show("status_after_allowed", error_memory_limit());
+  // With the limit gone, a request no system can serve is a failed system
+  // request that passed the rule: the status reads 0, whatever came before.
+  const std::size_t huge[] = {std::size_t(1) << 59, std::size_t(1) << 60, std::size_t(1) << 63};
+  for (std::size_t size : huge) {
+    SetLimitInForce(footprint + cost);
+    dlfree(dlmalloc(kBig));  // refused: status -1
+    SetLimitInForce(0);
+    Show("huge_refused_status", (dlmalloc(size) == nullptr ? 10 : 20) + error_memory_limit());
+  }
   dlfree(allowed);
   dlfree(small);
 }
