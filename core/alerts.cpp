@@ -50,19 +50,16 @@ omi_AlertListener::~omi_AlertListener() { Disarm(); }
 void omi_AlertListener::SetHandler(omi_AlertEnm kind, Handler handler) {
   if (!IsKind(kind)) return;
   m_handlers[kind].store(handler);
-  if (m_threadId != 0) RouteSignals(handler != nullptr, kind);
+  if (m_threadId != 0) RouteKind(kind);
 }
 
-// Routes the signals of the kinds that have a handler (or only of `onlyKind`)
-// to the worker, or gives them back to their earlier actions.
-void omi_AlertListener::RouteSignals(bool on, int onlyKind) const {
-  for (int kind = 0; kind < kKinds; ++kind) {
-    if (onlyKind >= 0 && kind != onlyKind) continue;
-    if (on && m_handlers[kind].load() != nullptr)
-      platform::ForwardSignal(kSignalNumbers[kind], m_threadId, kAlertMessage, static_cast<std::uintptr_t>(kind));
-    else if (!on)
-      platform::StopForwardingSignal(kSignalNumbers[kind], m_threadId);
-  }
+// A kind's signal goes to the worker while the kind has a handler and back to
+// its earlier action otherwise.
+void omi_AlertListener::RouteKind(int kind) const {
+  if (m_handlers[kind].load() != nullptr)
+    platform::ForwardSignal(kSignalNumbers[kind], m_threadId, kAlertMessage, static_cast<std::uintptr_t>(kind));
+  else
+    platform::StopForwardingSignal(kSignalNumbers[kind], m_threadId);
 }
 
 void omi_AlertListener::StopRouting(std::uint32_t threadId) {
@@ -111,7 +108,8 @@ void omi_AlertListener::WorkerMain(void* self) {
   auto* listener = static_cast<omi_AlertListener*>(self);
   // Signals are routed only once there is a queue to receive them.
   const bool queued = platform::CreateThreadQueue();
-  if (queued) listener->RouteSignals(true, -1);
+  if (queued)
+    for (int kind = 0; kind < kKinds; ++kind) listener->RouteKind(kind);
   platform::SignalEvent(static_cast<platform::Event*>(listener->m_handle));
   if (queued) listener->RunMessageLoop();
   StopRouting(platform::CurrentThreadId());
@@ -120,19 +118,16 @@ void omi_AlertListener::WorkerMain(void* self) {
 
 void omi_AlertListener::RunMessageLoop() const {
   platform::ThreadMessage message{};
-  while (platform::GetThreadMessage(&message) && message.message == kAlertMessage) {
+  bool running = true;
+  while (running && platform::GetThreadMessage(&message) && message.message == kAlertMessage) {
     const std::uintptr_t code = message.first;
     mem_TBThreadLock(true);
     if (code < static_cast<std::uintptr_t>(kKinds)) {
       // A kind without a handler is dropped: there is nothing safe to call.
       if (Handler handler = m_handlers[code].load()) handler(kSignalNumbers[code]);
-      if (t_workerLetGo) {
-        mem_TBThreadLock(false);
-        return;
-      }
+      running = !t_workerLetGo;
     } else if (code == kEndCode) {
-      mem_TBThreadLock(false);
-      return;
+      running = false;
     }
     mem_TBThreadLock(false);
   }

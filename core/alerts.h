@@ -68,7 +68,7 @@ class ZMXUTI_API omi_AlertListener {
  private:
   static void WorkerMain(void* self);
   static void StopRouting(std::uint32_t threadId);
-  void RouteSignals(bool on, int onlyKind) const;
+  void RouteKind(int kind) const;
   void RunMessageLoop() const;
 
   std::atomic<Handler> m_handlers[6];
