@@ -14,6 +14,7 @@
 #include <ctime>
 
 #include "platform/crash.h"
+#include "platform/fpu.h"
 
 namespace zmx {
 namespace platform {
@@ -166,7 +167,6 @@ struct SseRetry {
 };
 thread_local SseRetry t_sseRetry __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
 constexpr greg_t kTrapSimd = 19;  // x87 faults come as 16 and name their own status word
-constexpr unsigned kSseStatusFlags = 0x3F;
 
 bool RetryWithClearSseFlags(int sig, const siginfo_t* info, ucontext_t* context) {
   if (sig != SIGFPE || info->si_code < FPE_FLTDIV || info->si_code > FPE_FLTSUB) return false;
