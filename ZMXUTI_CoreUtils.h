@@ -12,7 +12,7 @@
 #include "core/numeric_helpers.h"
 
 #include "mem/allocation.h"
-#include "mem/general_heap.h"
+#include "mem/heap/general_heap.h"
 #include "mem/pools/region.h"
 #include "mem/pools/cache_manager.h"
 #include "mem/pools/cache_pool.h"

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "mem/general_heap.h"
+#include "mem/heap/general_heap.h"
 
 namespace zmx {
 namespace mem_internal {

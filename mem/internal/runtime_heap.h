@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "mem/general_heap.h"
+#include "mem/heap/general_heap.h"
 
 namespace zmx {
 namespace mem_internal {

@@ -2,7 +2,7 @@
 // over the general heap (mem_DLAllocator). A failed request makes the bound
 // cache manager purge, and is then tried exactly once more.
 #include "mem/allocation.h"
-#include "mem/general_heap.h"
+#include "mem/heap/general_heap.h"
 #include "mem/pools/cache_manager.h"
 
 mem_Allocator::~mem_Allocator() = default;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "ZMXUTI_CoreUtils.h"
-#include "mem/internal/general_heap_check.h"
+#include "mem/heap/internal/general_heap_check.h"
 
 namespace {
 

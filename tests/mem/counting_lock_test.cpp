@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "mem/internal/counting_lock.h"
+#include "mem/heap/internal/counting_lock.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 
 #include "core/export.h"
 #include "mem/internal/alloc_table.h"
-#include "mem/internal/counting_lock.h"
+#include "mem/heap/internal/counting_lock.h"
 #include "mem/internal/small_object_hooks.h"
 #include "mem/pools/cache_manager.h"
 #include "mem/pools/region.h"

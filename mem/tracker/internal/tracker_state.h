@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "mem/internal/counting_lock.h"
+#include "mem/heap/internal/counting_lock.h"
 #include "mem/tracker/hashes.h"
 
 namespace zmx {

@@ -1,7 +1,7 @@
 // The general heap's chunk layout: boundary-tagged chunks aligned to 16 bytes,
 // their flag bits, and the index arithmetic of the small bins and tree bins.
-#ifndef ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_CHUNKS_H
-#define ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_CHUNKS_H
+#ifndef ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_CHUNKS_H
+#define ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_CHUNKS_H
 
 #include <cstddef>
 #include <cstdint>
@@ -139,4 +139,4 @@ inline TreeChunk* LeftmostChild(const TreeChunk* t) { return t->child[0] ? t->ch
 }  // namespace mem_internal
 }  // namespace zmx
 
-#endif  // ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_CHUNKS_H
+#endif  // ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_CHUNKS_H

@@ -1,7 +1,7 @@
 // Test-facing hooks of the general heap: the consistency walk over every
 // segment, chunk, bin and trie, and a view of the parameters in force.
-#ifndef ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_CHECK_H
-#define ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_CHECK_H
+#ifndef ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_CHECK_H
+#define ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_CHECK_H
 
 #include <cstddef>
 
@@ -36,4 +36,4 @@ ZMXUTI_INTERNAL_API HeapParameterView GeneralHeapParameters();
 }  // namespace mem_internal
 }  // namespace zmx
 
-#endif  // ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_CHECK_H
+#endif  // ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_CHECK_H

@@ -3,9 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "mem/general_heap.h"
-#include "mem/internal/general_heap_check.h"
-#include "mem/internal/general_heap_state.h"
+#include "mem/heap/general_heap.h"
+#include "mem/heap/internal/general_heap_check.h"
+#include "mem/heap/internal/general_heap_state.h"
 #include "platform/platform.h"
 
 namespace zmx {

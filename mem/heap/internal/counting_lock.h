@@ -1,7 +1,7 @@
 // The counting lock of the general heap and the small-object allocator: an
 // atomic counter plus an auto-reset event created on first contention.
-#ifndef ZMXUTI_MEM_INTERNAL_COUNTING_LOCK_H
-#define ZMXUTI_MEM_INTERNAL_COUNTING_LOCK_H
+#ifndef ZMXUTI_MEM_HEAP_INTERNAL_COUNTING_LOCK_H
+#define ZMXUTI_MEM_HEAP_INTERNAL_COUNTING_LOCK_H
 
 #include <atomic>
 #include <cstdint>
@@ -74,4 +74,4 @@ class CountingLockHold {
 }  // namespace mem_internal
 }  // namespace zmx
 
-#endif  // ZMXUTI_MEM_INTERNAL_COUNTING_LOCK_H
+#endif  // ZMXUTI_MEM_HEAP_INTERNAL_COUNTING_LOCK_H

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "mem/internal/general_heap_state.h"
+#include "mem/heap/internal/general_heap_state.h"
 #include "platform/platform.h"
 
 namespace zmx {

@@ -1,5 +1,5 @@
 // The general heap filling of the allocation table (the default allocator).
-#include "mem/general_heap.h"
+#include "mem/heap/general_heap.h"
 #include "mem/internal/alloc_table.h"
 
 namespace zmx {

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "mem/internal/general_heap_check.h"
-#include "mem/internal/general_heap_state.h"
+#include "mem/heap/internal/general_heap_check.h"
+#include "mem/heap/internal/general_heap_state.h"
 
 namespace zmx {
 namespace mem_internal {

@@ -3,8 +3,8 @@
 // large requests, and the library's additions (memory limit with an error
 // status, largest-free-block query, lock switch). All functions act on the one
 // global heap and have C linkage.
-#ifndef ZMXUTI_MEM_GENERAL_HEAP_H
-#define ZMXUTI_MEM_GENERAL_HEAP_H
+#ifndef ZMXUTI_MEM_HEAP_GENERAL_HEAP_H
+#define ZMXUTI_MEM_HEAP_GENERAL_HEAP_H
 
 #include <cstddef>
 
@@ -49,4 +49,4 @@ ZMXUTI_API int dlmallopt(int parameter, int value);
 
 }  // extern "C"
 
-#endif  // ZMXUTI_MEM_GENERAL_HEAP_H
+#endif  // ZMXUTI_MEM_HEAP_GENERAL_HEAP_H

@@ -1,6 +1,6 @@
 // The general heap's tree bins (bitwise tries of free chunks by size), the
 // designated victim, and best-fit searches for small and large requests.
-#include "mem/internal/general_heap_state.h"
+#include "mem/heap/internal/general_heap_state.h"
 
 namespace zmx {
 namespace mem_internal {

@@ -1,10 +1,10 @@
 // The general heap's allocation paths (malloc, free, realloc, memalign,
 // calloc) and their exported entry points, each run under the heap lock.
-#include "mem/general_heap.h"
+#include "mem/heap/general_heap.h"
 
 #include <cstring>
 
-#include "mem/internal/general_heap_state.h"
+#include "mem/heap/internal/general_heap_state.h"
 
 namespace zmx {
 namespace mem_internal {

@@ -1,16 +1,16 @@
 // The general heap's process-wide state: parameters, the heap record with its
 // bins, segments and top chunk, the memory-limit status and the heap lock.
-#ifndef ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_STATE_H
-#define ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_STATE_H
+#ifndef ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_STATE_H
+#define ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_STATE_H
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 #include "core/export.h"
-#include "mem/internal/counting_lock.h"
-#include "mem/internal/general_heap_check.h"
-#include "mem/internal/general_heap_chunks.h"
+#include "mem/heap/internal/counting_lock.h"
+#include "mem/heap/internal/general_heap_check.h"
+#include "mem/heap/internal/general_heap_chunks.h"
 
 namespace zmx {
 namespace mem_internal {
@@ -232,4 +232,4 @@ inline void Heap::UnlinkSmall(Chunk* p, size_t s) {
 // The worker of dlfragmentationinfo: the largest free chunk of one heap state.
 std::size_t internal_dlfragmentationinfo(zmx::mem_internal::heap::Heap& heap);
 
-#endif  // ZMXUTI_MEM_INTERNAL_GENERAL_HEAP_STATE_H
+#endif  // ZMXUTI_MEM_HEAP_INTERNAL_GENERAL_HEAP_STATE_H
