@@ -1,18 +1,19 @@
 // The dispatching filter: hands faults to the client's handler (all of them, or
 // those inside the client's registered modules) in front of the filter it
 // replaced, and announces stack overflows.
-#include <cstdlib>
 #include <cstring>
 
 #include "core/crash_report.h"
 #include "platform/crash.h"
+#include "platform/system_allocator.h"
 
 namespace {
 
 omi_ExceptionHandler g_clientHandler = nullptr;
 omi_ExceptionHandler g_replacedFilter = nullptr;
 
-// Bases of the registered modules, on the runtime's heap (not the library's).
+// Bases of the registered modules, from the system allocator (never the
+// library's heap, which a fault may have left in a bad state).
 const void** g_modules = nullptr;
 std::size_t g_moduleCount = 0;
 
@@ -53,7 +54,7 @@ int omi_SetExceptionHandler(omi_ExceptionHandler handler) {
   if (handler == nullptr) {
     if (dispatching) zmx::platform::SetUnhandledFilter(g_replacedFilter);
     g_clientHandler = nullptr;
-    std::free(g_modules);
+    zmx::platform::SystemFree(g_modules);
     g_modules = nullptr;
     g_moduleCount = 0;
     return 1;
@@ -67,7 +68,7 @@ int omi_SetExceptionHandler(omi_ExceptionHandler handler) {
 void omi_RegisterModule(const void* address_in_module) {
   const void* base = zmx::platform::ModuleBaseOf(address_in_module);
   if (base == nullptr) return;
-  void* grown = std::realloc(g_modules, (g_moduleCount + 1) * sizeof *g_modules);
+  void* grown = zmx::platform::SystemRealloc(g_modules, (g_moduleCount + 1) * sizeof *g_modules);
   if (grown == nullptr) return;
   g_modules = static_cast<const void**>(grown);
   std::memset(&g_modules[g_moduleCount], 0, sizeof *g_modules);

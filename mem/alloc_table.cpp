@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "mem/internal/runtime_heap.h"
+#include "platform/system_allocator.h"
 
 namespace zmx {
 namespace mem_internal {
@@ -32,7 +33,7 @@ void RunBootstrap() {
 void* BootstrapMalloc(std::size_t size) {
   RunBootstrap();
   if (g_table.malloc != BootstrapMalloc) return g_table.malloc(size);
-  return g_switches.useGeneralHeap ? kGeneralHeapTable.malloc(size) : std::malloc(size);
+  return g_switches.useGeneralHeap ? kGeneralHeapTable.malloc(size) : platform::SystemMalloc(size);
 }
 
 // The other allocation slots are empty by design until the choice; a call
@@ -54,6 +55,8 @@ void* BootstrapMemalign(std::size_t alignment, std::size_t size) {
   RunBootstrap();
   return g_table.memalign(alignment, size);
 }
+// No block can be live before the choice: a block asked about is someone else's.
+std::size_t BootstrapUsableSize(const void*) { return 0; }
 
 }  // namespace
 
@@ -61,6 +64,7 @@ AllocTable g_table = {
     // Until the choice, the queries answer as the runtime heap does.
     BootstrapMalloc, BootstrapCalloc, BootstrapRealloc, BootstrapFree, NoTrim,   NoMallopt, NoSize,
     NoSize,          NoSize,          NoMallinfo,       NoStatus,      NoSize,   BootstrapMemalign,
+    BootstrapUsableSize,
 };
 
 Switches g_switches = {false, false, false, false, false};

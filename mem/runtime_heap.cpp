@@ -1,17 +1,10 @@
 // The runtime heap filling of the allocation table.
 #include "mem/internal/runtime_heap.h"
 
-#include <cstdlib>
-
 #include "mem/internal/alloc_table.h"
 
 namespace zmx {
 namespace mem_internal {
-
-void* RuntimeMemalign(std::size_t alignment, std::size_t size) {
-  void* block = nullptr;
-  return posix_memalign(&block, alignment, size) == 0 ? block : nullptr;
-}
 
 int NoTrim(std::size_t) { return 0; }
 int NoMallopt(int, int) { return 0; }
@@ -22,7 +15,7 @@ int NoStatus() { return 0; }
 const AllocTable kRuntimeHeapTable = {
     RuntimeMalloc, RuntimeCalloc, RuntimeRealloc, RuntimeFree, NoTrim,  NoMallopt,
     NoSize,        NoSize,        NoSize,         NoMallinfo,  NoStatus, NoSize,
-    RuntimeMemalign,
+    RuntimeMemalign, RuntimeUsableSize,
 };
 
 }  // namespace mem_internal

@@ -2,20 +2,20 @@
 // guard patterns, and testing the guards when a block is freed or moved.
 #include "mem/guards/internal/guarded_heap.h"
 
-#include <malloc.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "core/export.h"
+#include "platform/system_allocator.h"
 
 namespace zmx {
 namespace mem_internal {
 
 namespace {
 
+using platform::SystemFree;
 using Byte = unsigned char;
 
 static_assert(sizeof(kGuardPattern) == kGuardBytes + 1, "the guard is sixteen characters");
@@ -72,7 +72,7 @@ Located Locate(Byte* user) {
 
 // Bytes of the runtime block from the caller's pointer to its end.
 std::size_t Room(const Located& block, const Byte* user) {
-  const std::size_t usable = malloc_usable_size(block.runtime);
+  const std::size_t usable = platform::SystemUsableSize(block.runtime);
   const std::size_t front = static_cast<std::size_t>(user - block.runtime);
   return usable > front ? usable - front : 0;
 }
@@ -136,7 +136,7 @@ void* MoveAligned(Byte* user, const Located& old, std::size_t size) {
   const std::size_t room = Room(old, user);
   if (keep > room) keep = room;
   std::memcpy(fresh, user, keep);
-  std::free(old.runtime);
+  SystemFree(old.runtime);
   return fresh;
 }
 
@@ -144,7 +144,7 @@ void* MoveAligned(Byte* user, const Located& old, std::size_t size) {
 
 void* GuardedMalloc(std::size_t size) {
   if (size > SIZE_MAX - kGuardOverhead) return nullptr;
-  Byte* raw = static_cast<Byte*>(std::malloc(size + kGuardOverhead));
+  Byte* raw = static_cast<Byte*>(platform::SystemMalloc(size + kGuardOverhead));
   if (raw == nullptr) return nullptr;
   return Dress(raw + kGuardFrontBytes, size, size);
 }
@@ -157,7 +157,7 @@ void* GuardedCalloc(std::size_t count, std::size_t size) {
     return nullptr;
   // Whole elements of `size` covering the total and the 40 bytes of header and guards.
   const std::size_t elements = DivideOrFault(padded, size);
-  Byte* raw = static_cast<Byte*>(std::calloc(elements, size));
+  Byte* raw = static_cast<Byte*>(platform::SystemCalloc(elements, size));
   if (raw == nullptr) return nullptr;
   return Dress(raw + kGuardFrontBytes, total, total);
 }
@@ -168,17 +168,17 @@ void* GuardedRealloc(void* block, std::size_t size) {
   if (user != nullptr) old = CheckGuards(user, Caller::kRealloc);
   if (size > SIZE_MAX - kGuardOverhead) return nullptr;
   if (user != nullptr && old.runtime != user - kGuardFrontBytes) return MoveAligned(user, old, size);
-  Byte* raw = static_cast<Byte*>(std::realloc(old.runtime, size + kGuardOverhead));
+  Byte* raw = static_cast<Byte*>(platform::SystemRealloc(old.runtime, size + kGuardOverhead));
   if (raw == nullptr) return nullptr;
   return Dress(raw + kGuardFrontBytes, size, size);
 }
 
 void GuardedFree(void* block) {
   if (block == nullptr) {
-    std::free(nullptr);
+    SystemFree(nullptr);
     return;
   }
-  std::free(CheckGuards(static_cast<Byte*>(block), Caller::kFree).runtime);
+  SystemFree(CheckGuards(static_cast<Byte*>(block), Caller::kFree).runtime);
 }
 
 void* GuardedMemalign(std::size_t alignment, std::size_t size) {
@@ -186,11 +186,16 @@ void* GuardedMemalign(std::size_t alignment, std::size_t size) {
   if (alignment <= 8) return GuardedMalloc(size);
   const std::size_t offset = alignment < kAlignedFrontBytes ? kAlignedFrontBytes : alignment;
   if (size > SIZE_MAX - offset - kGuardBytes) return nullptr;
-  void* raw = nullptr;
-  if (posix_memalign(&raw, alignment, offset + size + kGuardBytes) != 0) return nullptr;
+  void* raw = platform::SystemMemalign(alignment, offset + size + kGuardBytes);
+  if (raw == nullptr) return nullptr;
   Byte* user = static_cast<Byte*>(raw) + offset;
   StoreWord(user - kAlignedFrontBytes, OffsetCode(user, offset));
   return Dress(user, size | kAlignedMark, size);
+}
+
+std::size_t GuardedUsableSize(const void* block) {
+  if (block == nullptr) return 0;
+  return Locate(const_cast<Byte*>(static_cast<const Byte*>(block))).size;
 }
 
 }  // namespace mem_internal

@@ -10,7 +10,7 @@ namespace mem_internal {
 const AllocTable kGuardedHeapTable = {
     GuardedMalloc, GuardedCalloc, GuardedRealloc, GuardedFree, NoTrim,   NoMallopt,
     NoSize,        NoSize,        NoSize,         NoMallinfo,  NoStatus, NoSize,
-    GuardedMemalign,
+    GuardedMemalign, GuardedUsableSize,
 };
 
 }  // namespace mem_internal

@@ -12,8 +12,10 @@
 namespace zmx {
 namespace mem_internal {
 
-// Twelve slots in the documented order, plus `memalign`, the library's own
-// extension that serves the C++17 aligned operator new forms from the same heap.
+// Twelve slots in the documented order, plus the library's own extensions:
+// `memalign`, which serves the C++17 aligned operator new forms and
+// mem_AlignedMalloc from the same heap, and `usableSize`, the bytes usable in a
+// live block of this heap (small-object blocks are not asked here).
 struct AllocTable {
   void* (*malloc)(std::size_t size);
   void* (*calloc)(std::size_t count, std::size_t size);
@@ -28,6 +30,7 @@ struct AllocTable {
   int (*errorMemoryLimit)();
   std::size_t (*fragmentationInfo)();
   void* (*memalign)(std::size_t alignment, std::size_t size);
+  std::size_t (*usableSize)(const void* block);
 };
 
 // The fillings. Each lives with its heap; a heap that is not built yet fills

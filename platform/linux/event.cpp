@@ -1,8 +1,8 @@
 // Linux waits for the platform contract: futex word waits and an auto-reset
 // event made of one futex word (0 = reset, 1 = signalled).
 #include "platform/platform.h"
+#include "platform/system_allocator.h"
 
-#include <cstdlib>
 #include <new>
 
 #include <linux/futex.h>
@@ -39,15 +39,16 @@ constexpr int kSpinLimit = 4000;
 }  // namespace
 
 Event* CreateAutoResetEvent() {
-  // The runtime heap, not the library's: events back the library's own heap lock.
-  void* raw = std::malloc(sizeof(Event));
+  // The system allocator, not the library's heap nor an interposed malloc:
+  // events back the heap lock itself, and are made while an allocation waits.
+  void* raw = SystemMalloc(sizeof(Event));
   return raw ? new (raw) Event() : nullptr;
 }
 
 void CloseEvent(Event* event) {
   if (event) {
     event->~Event();
-    std::free(event);
+    SystemFree(event);
   }
 }
 

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <new>
 
 #include <fcntl.h>
@@ -18,6 +17,7 @@
 #include <unistd.h>
 
 #include "platform/platform.h"
+#include "platform/system_allocator.h"
 
 namespace zmx {
 namespace platform {
@@ -53,7 +53,7 @@ void RaiseOwnPriority() {
 
 void* ThreadStart(void* raw) {
   const StartBlock block = *static_cast<StartBlock*>(raw);
-  std::free(raw);
+  SystemFree(raw);
   t_threadId = block.id;
   if (block.highestPriority) RaiseOwnPriority();
   block.main(block.argument);
@@ -71,12 +71,12 @@ std::uint32_t CurrentThreadId() {
 }
 
 Thread* StartThread(ThreadMain main, void* argument, bool highestPriority, std::uint32_t* id) {
-  // The runtime heap: the platform layer sits below the library's allocator.
-  void* blockMemory = std::malloc(sizeof(StartBlock));
-  void* threadMemory = std::malloc(sizeof(Thread));
+  // The system allocator: the platform layer sits below the library's allocator.
+  void* blockMemory = SystemMalloc(sizeof(StartBlock));
+  void* threadMemory = SystemMalloc(sizeof(Thread));
   if (blockMemory == nullptr || threadMemory == nullptr) {
-    std::free(blockMemory);
-    std::free(threadMemory);
+    SystemFree(blockMemory);
+    SystemFree(threadMemory);
     return nullptr;
   }
   const std::uint32_t newId = NewThreadId();
@@ -86,8 +86,8 @@ Thread* StartThread(ThreadMain main, void* argument, bool highestPriority, std::
   *id = newId;  // published before the thread runs, as the contract says
   if (pthread_create(&thread->handle, nullptr, ThreadStart, block) != 0) {
     *id = previousId;
-    std::free(blockMemory);
-    std::free(threadMemory);
+    SystemFree(blockMemory);
+    SystemFree(threadMemory);
     return nullptr;
   }
   return thread;
@@ -95,12 +95,12 @@ Thread* StartThread(ThreadMain main, void* argument, bool highestPriority, std::
 
 void JoinThread(Thread* thread) {
   pthread_join(thread->handle, nullptr);
-  std::free(thread);
+  SystemFree(thread);
 }
 
 void DetachThread(Thread* thread) {
   pthread_detach(thread->handle);
-  std::free(thread);
+  SystemFree(thread);
 }
 
 void YieldThread() { sched_yield(); }

@@ -1,5 +1,6 @@
 // The guarded runtime heap (ZEM_DEADBEEF): runtime heap blocks wrapped in a
-// size word and two guard patterns that free and realloc test.
+// size word and two guard patterns that free and realloc test. The runtime
+// blocks come from the system allocator (platform/system_allocator.h).
 //
 // Layout of one block, from the start of the runtime block:
 //   [0, 8)                  requested size in bytes
@@ -37,6 +38,8 @@ void GuardedFree(void* block);
 // beyond 8 bytes carry an offset word in front of the size word and a mark in
 // the size word's top bit, so that free finds their runtime block.
 void* GuardedMemalign(std::size_t alignment, std::size_t size);
+// The size the block was asked for (its size word); 0 for null. No guard test.
+std::size_t GuardedUsableSize(const void* block);
 
 }  // namespace mem_internal
 }  // namespace zmx
