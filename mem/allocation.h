@@ -51,6 +51,20 @@ ZMXUTI_API void* mem_Malloc(std::size_t size);
 ZMXUTI_API void mem_Free(void* block);  // null accepted
 ZMXUTI_API void* mem_Realloc(void* block, std::size_t size);
 ZMXUTI_API void* mem_Calloc(std::size_t count, std::size_t size);  // never a small-object block
+// `size` bytes aligned to `alignment`, a power of two (anything else: null, no
+// allocation), from the chosen heap, never the small-object allocator; size 0
+// gives a distinct minimal block. Tracked as a malloc; released with mem_Free.
+ZMXUTI_API void* mem_AlignedMalloc(std::size_t alignment, std::size_t size);
+// Bytes usable in a live block of the front door (at least the size asked
+// for): a small-object block's slot, a heap chunk's room, the size asked of the
+// guarded heap, the runtime heap's own figure. 0 for null.
+ZMXUTI_API std::size_t mem_UsableSize(const void* block);
+// 1 when `block` is the chosen allocator's: under the general heap, when it
+// lies in a run the heap holds from the system (small-object pages included);
+// under the runtime and guarded heaps, for any non-null pointer (the runtime
+// owns everything there). 0 otherwise, and for every pointer before the choice.
+// Lock-free and a few loads long, fit to be asked on every free.
+ZMXUTI_API int mem_OwnsBlock(const void* block);
 // Tell the tracker a block changed owner; no allocation work.
 ZMXUTI_API void mem_Release(void* block);
 ZMXUTI_API void mem_Acquire(void* block);

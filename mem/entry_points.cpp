@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "mem/allocation.h"
+#include "mem/heap/internal/owned_pages.h"
 #include "mem/internal/alloc_table.h"
 #include "mem/internal/small_object_routing.h"
 #include "mem/internal/tracker_hooks.h"
@@ -16,6 +17,7 @@ int g_trackMalloc = 0;
 int g_trackFree = 0;
 int g_trackRealloc = 0;
 int g_trackCalloc = 0;
+int g_trackAlignedMalloc = 0;
 int g_trackRelease = 0;
 int g_trackAcquire = 0;
 
@@ -55,6 +57,25 @@ void* mem_Calloc(std::size_t count, std::size_t size) {
   void* block = g_table.calloc(count, size);
   if (ZMX_UNLIKELY(TrackingOn(g_trackCalloc))) Tracker().RecordCalloc(block, count, size);
   return block;
+}
+
+void* mem_AlignedMalloc(std::size_t alignment, std::size_t size) {
+  if (alignment == 0 || (alignment & (alignment - 1)) != 0) return nullptr;
+  void* block = g_table.memalign(alignment, size == 0 ? 1 : size);
+  if (ZMX_UNLIKELY(TrackingOn(g_trackAlignedMalloc))) Tracker().RecordMalloc(block, size);
+  return block;
+}
+
+std::size_t mem_UsableSize(const void* block) {
+  if (block == nullptr) return 0;
+  if (IsSmallObjectForMemFree(block)) return SmallUsableSize(block);
+  return g_table.usableSize(block);
+}
+
+int mem_OwnsBlock(const void* block) {
+  if (block == nullptr) return 0;
+  if (g_switches.useGeneralHeap) return zmx::mem_internal::heap::OwnsPage(block) ? 1 : 0;
+  return AllocatorChosen() ? 1 : 0;
 }
 
 void mem_Release(void* block) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "mem/heap/internal/general_heap_state.h"
+#include "mem/heap/internal/owned_pages.h"
 #include "platform/platform.h"
 
 namespace zmx {
@@ -85,7 +86,7 @@ bool Heap::GrowHeap(size_t nb) {
   // below the heap as a free chunk apart from it.
   const Segment* topSegment = top != nullptr ? SegmentHolding(top) : nullptr;
   char* base = static_cast<char*>(
-      platform::MapMemory(size, false, topSegment != nullptr ? SegmentEnd(topSegment) : nullptr));
+      MapOwnedMemory(size, false, topSegment != nullptr ? SegmentEnd(topSegment) : nullptr));
   if (base == nullptr) return false;
   AddFootprint(size);
   NoteRun(base, size);
@@ -171,7 +172,7 @@ int Heap::SysTrim(size_t pad) {
       record.size -= extra;
       Segment** link = LinkTo(s);
       char* newEnd = record.base + record.size;
-      if (platform::UnmapMemory(newEnd, extra)) {
+      if (UnmapOwnedMemory(newEnd, extra)) {
         *link = WriteFooter(newEnd, record);
         topSize -= extra;
         top->head = topSize | kPinuse;
@@ -199,7 +200,7 @@ size_t Heap::TrimSegmentFront(Segment* s, size_t pad) {
   if (cut == 0) return 0;
   const bool isDv = first == dv;
   if (!isDv) UnlinkChunk(first, size);
-  if (!platform::UnmapMemory(s->base, cut)) {
+  if (!UnmapOwnedMemory(s->base, cut)) {
     if (!isDv) InsertChunk(first, size);
     return 0;
   }
@@ -249,7 +250,7 @@ size_t Heap::ReleaseUnusedSegments() {
       UnlinkChunk(first, ChunkSize(first));
     }
     *link = record.next;
-    if (platform::UnmapMemory(record.base, record.size)) {
+    if (UnmapOwnedMemory(record.base, record.size)) {
       footprint -= record.size;
       released += record.size;
     } else {
@@ -281,7 +282,7 @@ void* Heap::MapDirect(size_t nb) {
   const size_t size = AlignUp(nb + 2 * kWord, g_params.granularity);
   if (size <= nb) return nullptr;
   if (!RequestAllowed(size)) return nullptr;
-  char* base = static_cast<char*>(platform::MapMemory(size, true));
+  char* base = static_cast<char*>(MapOwnedMemory(size, true));
   if (base == nullptr) return nullptr;
   const size_t psize = size - 2 * kWord;
   Chunk* p = reinterpret_cast<Chunk*>(base);
@@ -297,7 +298,7 @@ void* Heap::MapDirect(size_t nb) {
 void Heap::UnmapDirect(Chunk* p) {
   const size_t offset = p->prevFoot;
   const size_t size = ChunkSize(p) + offset + 2 * kWord;
-  if (platform::UnmapMemory(reinterpret_cast<char*>(p) - offset, size)) {
+  if (UnmapOwnedMemory(reinterpret_cast<char*>(p) - offset, size)) {
     footprint -= size;
     mappedBytes -= size;
   }

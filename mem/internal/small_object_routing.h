@@ -21,6 +21,10 @@ inline void* SmallReallocate(void* block, std::size_t size) {
   if (g_smallObjectStandIn != nullptr) return g_smallObjectStandIn->reallocate(block, size);
   return small_objects::Reallocate(block, size);
 }
+// A marked block's slot size, read from its page record.
+inline std::size_t SmallUsableSize(const void* block) {
+  return static_cast<std::size_t>(small_objects::RecordOf(block)->SlotWords()) * sizeof(int);
+}
 inline void SmallSetLocking(bool on) {
   if (g_smallObjectStandIn != nullptr) return g_smallObjectStandIn->setLocking(on);
   small_objects::SetLocking(on);
