@@ -54,9 +54,15 @@ ZMXUTI_INTERNAL_API void WaitEvent(Event* event);
 inline bool ProcessIsSingleThreaded();
 
 // ---- files ----
-// Creates or truncates `path` for reading and writing in binary mode, readable
-// and writable by its owner only; null when it cannot be opened.
-std::FILE* OpenOwnerFile(const char* path);
+// Files written from inside an allocation call: plain descriptors, no stream
+// buffers, so that writing never allocates.
+// Creates or truncates `path` for writing, readable and writable by its owner
+// only; -1 when it cannot be opened.
+int OpenOwnerFile(const char* path);
+// Writes all `size` bytes at the file's position, or at `offset`; false on failure.
+bool WriteOwnerFile(int file, const void* data, std::size_t size);
+bool WriteOwnerFileAt(int file, const void* data, std::size_t size, std::uint64_t offset);
+void CloseOwnerFile(int file);
 
 // ---- runtime locale ----
 // Whether the calling thread runs under the process-wide locale (the one

@@ -52,7 +52,7 @@ void ReportOpenFailure(const Tracker& t, const char* fileName) {
 }
 
 struct PhaseFileWriter {
-  std::FILE* file;
+  int file;
   std::uint32_t count;
 };
 
@@ -60,13 +60,13 @@ void WritePhaseEntry(const char* path, int id, void* context) {
   static const char kZeros[4096] = {};
   PhaseFileWriter& w = *static_cast<PhaseFileWriter*>(context);
   const std::uint32_t value = static_cast<std::uint32_t>(id);
-  std::fwrite(&value, sizeof value, 1, w.file);
+  zmx::platform::WriteOwnerFile(w.file, &value, sizeof value);
   // The stored paths are shorter than the field, so the terminating zero always fits.
   std::size_t written = std::strlen(path) + 1;
-  std::fwrite(path, 1, written, w.file);
+  zmx::platform::WriteOwnerFile(w.file, path, written);
   while (written < static_cast<std::size_t>(kPathBytes)) {
     const std::size_t chunk = std::min(sizeof kZeros, kPathBytes - written);
-    std::fwrite(kZeros, 1, chunk, w.file);
+    zmx::platform::WriteOwnerFile(w.file, kZeros, chunk);
     written += chunk;
   }
   ++w.count;
@@ -104,11 +104,14 @@ void FlushRecords(Tracker& t) {
   if (t.transactionCounter <= 0) return;
   char fileName[kFileNameBytes];
   std::snprintf(fileName, sizeof fileName, "%s.memT%d", t.outputName, static_cast<int>(t.fileSequence));
-  if (std::FILE* file = zmx::platform::OpenOwnerFile(fileName)) {
+  // The batch is written while the tracker's lock is held, often from inside an
+  // allocation call: the file is a plain descriptor, so writing never allocates.
+  const int file = zmx::platform::OpenOwnerFile(fileName);
+  if (file >= 0) {
     const std::uint32_t count = t.buffered;
-    std::fwrite(&count, sizeof count, 1, file);
-    std::fwrite(t.records, sizeof(TransactionRecord), count, file);
-    std::fclose(file);
+    zmx::platform::WriteOwnerFile(file, &count, sizeof count);
+    zmx::platform::WriteOwnerFile(file, t.records, sizeof(TransactionRecord) * count);
+    zmx::platform::CloseOwnerFile(file);
   } else {
     ReportOpenFailure(t, fileName);  // the batch is lost: no retry
   }
@@ -119,20 +122,19 @@ void FlushRecords(Tracker& t) {
 void WritePhaseFile(Tracker& t) {
   char fileName[kFileNameBytes];
   std::snprintf(fileName, sizeof fileName, "%s.phaseStack", t.outputName);
-  std::FILE* file = zmx::platform::OpenOwnerFile(fileName);
-  if (file == nullptr) {
+  const int file = zmx::platform::OpenOwnerFile(fileName);
+  if (file < 0) {
     ReportOpenFailure(t, fileName);
     return;
   }
   PhaseFileWriter writer{file, 0};
-  std::fwrite(&writer.count, sizeof writer.count, 1, file);  // the count goes here at the end
+  zmx::platform::WriteOwnerFile(file, &writer.count, sizeof writer.count);  // the count goes here at the end
   {
     Locked guard(t.phaseLock);
     t.phases->ForEach(WritePhaseEntry, &writer);
   }
-  std::fseek(file, 0, SEEK_SET);
-  std::fwrite(&writer.count, sizeof writer.count, 1, file);
-  std::fclose(file);
+  zmx::platform::WriteOwnerFileAt(file, &writer.count, sizeof writer.count, 0);
+  zmx::platform::CloseOwnerFile(file);
 }
 
 void ParseDebugTransactions(Tracker& t, const char* value) {
