@@ -2,6 +2,7 @@
 #include "core/internal/use_counter.h"
 #include "core/startup.h"
 #include "mem/internal/alloc_table.h"
+#include "mem/internal/fork_handlers.h"
 #include "mem/internal/tracker_hooks.h"
 
 namespace {
@@ -12,6 +13,7 @@ void mem_initialize(int& depth) {
   zmx::core_internal::StartUp(g_memUseCount, depth, [] {
     using namespace zmx::mem_internal;
     if (!AllocatorChosen()) ChooseAllocator();  // an earlier allocation's choice stands
+    RegisterForkHandlers();
     if (ProcessTrackingMode() == kTrackingOn) Tracker().PrepareThread();
   });
 }

@@ -59,6 +59,13 @@ bool ForwardSignal(int signalNumber, std::uint32_t threadId, std::uint32_t messa
 void StopForwardingSignal(int signalNumber, std::uint32_t threadId);
 // Both may be called from several threads at once, never from a signal handler.
 
+// ---- fork ----
+// Has `prepare` run in the parent just before each fork, then `parent` in the
+// parent and `child` in the new process (whose only thread is the forking
+// one) just after it. Handlers registered later prepare earlier and finish
+// later. False when the system refuses; there is no way to unregister.
+bool RegisterForkHandlers(void (*prepare)(), void (*parent)(), void (*child)());
+
 }  // namespace platform
 }  // namespace zmx
 

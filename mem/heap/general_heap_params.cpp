@@ -6,6 +6,7 @@
 #include "mem/heap/general_heap.h"
 #include "mem/heap/internal/general_heap_check.h"
 #include "mem/heap/internal/general_heap_state.h"
+#include "mem/internal/fork_handlers.h"
 #include "platform/platform.h"
 
 namespace zmx {
@@ -79,6 +80,19 @@ size_t LargestFreeChunk(const Heap& h) {
 }
 
 }  // namespace heap
+
+void LockGeneralHeapForFork() {
+  heap::g_paramLock.Acquire();
+  heap::g_heap.lock.Acquire();
+}
+void UnlockGeneralHeapAfterFork() {
+  heap::g_heap.lock.Release();
+  heap::g_paramLock.Release();
+}
+void ResetGeneralHeapInForkChild() {
+  ResetLockInChild(heap::g_heap.lock);
+  ResetLockInChild(heap::g_paramLock);
+}
 
 HeapParameterView GeneralHeapParameters() {
   using namespace heap;

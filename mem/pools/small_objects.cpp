@@ -6,6 +6,7 @@
 #include <new>
 
 #include "mem/allocation.h"
+#include "mem/internal/fork_handlers.h"
 #include "mem/pools/internal/small_objects.h"
 
 namespace zmx {
@@ -208,5 +209,10 @@ void SetLocking(bool on) {
 }
 
 }  // namespace small_objects
+
+void LockSmallObjectsForFork() { small_objects::g_lock.Acquire(); }
+void UnlockSmallObjectsAfterFork() { small_objects::g_lock.Release(); }
+void ResetSmallObjectsInForkChild() { ResetLockInChild(small_objects::g_lock); }
+
 }  // namespace mem_internal
 }  // namespace zmx

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "mem/allocation.h"
+#include "mem/internal/fork_handlers.h"
 #include "mem/internal/tracker_hooks.h"
 #include "mem/tracker/internal/tracker_state.h"
 
@@ -163,6 +164,34 @@ void ShutDown() {
 }
 
 }  // namespace mem_tracker
+
+namespace mem_internal {
+
+// The tracker cannot appear or go away while the creation lock is held, so
+// all three steps see the same instance (or none).
+void LockTrackerForFork() {
+  mem_tracker::g_creationLock.Acquire();
+  if (mem_tracker::Tracker* t = mem_tracker::ExistingInstance()) {
+    t->phaseLock.Acquire();
+    t->lock.Acquire();
+  }
+}
+void UnlockTrackerAfterFork() {
+  if (mem_tracker::Tracker* t = mem_tracker::ExistingInstance()) {
+    t->lock.Release();
+    t->phaseLock.Release();
+  }
+  mem_tracker::g_creationLock.Release();
+}
+void ResetTrackerInForkChild() {
+  if (mem_tracker::Tracker* t = mem_tracker::ExistingInstance()) {
+    ResetLockInChild(t->lock);
+    ResetLockInChild(t->phaseLock);
+  }
+  ResetLockInChild(mem_tracker::g_creationLock);
+}
+
+}  // namespace mem_internal
 }  // namespace zmx
 
 using namespace zmx::mem_tracker;

@@ -269,5 +269,11 @@ void StopForwardingSignal(int signalNumber, std::uint32_t threadId) {
   sigaction(signalNumber, &f.previous, nullptr);
 }
 
+// ---- fork ----
+
+bool RegisterForkHandlers(void (*prepare)(), void (*parent)(), void (*child)()) {
+  return pthread_atfork(prepare, parent, child) == 0;
+}
+
 }  // namespace platform
 }  // namespace zmx

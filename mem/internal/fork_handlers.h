@@ -1,0 +1,56 @@
+// The memory subsystem around fork(): every lock a thread may hold while it
+// allocates is taken before the child is made, so that the child inherits the
+// heaps in a consistent state, then released in the parent and set back to
+// free in the child, where their holder and waiters no longer exist.
+//
+// Each component contributes one step per phase. The prepare steps run in the
+// order the locks nest at run time (the tracker allocates while holding its
+// locks, the small-object allocator takes pages from the heap under its lock):
+//   tracker, small-object allocator, general heap.
+// The parent steps run in reverse; the child steps in any order. A component
+// added later (a per-thread cache, say) adds its own three steps here and in
+// mem/fork_handlers.cpp.
+#ifndef ZMXUTI_MEM_INTERNAL_FORK_HANDLERS_H
+#define ZMXUTI_MEM_INTERNAL_FORK_HANDLERS_H
+
+#include <new>
+
+#include "mem/heap/internal/counting_lock.h"
+
+namespace zmx {
+namespace mem_internal {
+
+// Registers the handlers with the system; only the first call of a process does anything.
+void RegisterForkHandlers();
+
+// Tracker (mem/tracker/tracker.cpp): its creation lock, then, once it exists,
+// its phase lock and its record lock.
+void LockTrackerForFork();           // takes them in that order
+void UnlockTrackerAfterFork();       // parent: releases them in reverse
+void ResetTrackerInForkChild();      // child: sets them free
+
+// Small-object allocator (mem/pools/small_objects.cpp): its process-wide lock,
+// whatever its locking switch says.
+void LockSmallObjectsForFork();      // takes it
+void UnlockSmallObjectsAfterFork();  // parent: releases it
+void ResetSmallObjectsInForkChild(); // child: sets it free
+
+// General heap (mem/heap/general_heap_params.cpp): its parameter lock, then
+// the heap lock, whatever the lock-use switch says.
+void LockGeneralHeapForFork();       // takes them in that order
+void UnlockGeneralHeapAfterFork();   // parent: releases them in reverse
+void ResetGeneralHeapInForkChild();  // child: sets them free
+
+// A lock whose holder and waiters are gone: a free lock takes its place. Its
+// event, if it had one, is left behind (a few bytes of the system allocator
+// per fork), as signalling or waiting on it could only hand the lock to
+// threads that do not exist.
+inline void ResetLockInChild(CountingLock& lock) {
+  lock.~CountingLock();
+  new (&lock) CountingLock();
+}
+
+}  // namespace mem_internal
+}  // namespace zmx
+
+#endif  // ZMXUTI_MEM_INTERNAL_FORK_HANDLERS_H
