@@ -178,11 +178,16 @@ void ExitPhase() {
 void* volatile g_leaks[3];
 
 int Leaks() {
-  std::vector<void*> freed;
-  for (int i = 0; i < 5000; ++i) freed.push_back(i % 2 ? std::malloc(static_cast<std::size_t>(i)) : new char[i + 1]);
-  for (int i = 0; i < 5000; ++i) {
-    if (i % 2) std::free(freed[static_cast<std::size_t>(i)]);
-    else delete[] static_cast<char*>(freed[static_cast<std::size_t>(i)]);
+  // More records than one batch of the tracker holds, so that batches are
+  // written from inside operator new/delete and malloc/free calls.
+  std::vector<void*> freed(5000);
+  for (int round = 0; round < 14; ++round) {
+    for (int i = 0; i < 5000; ++i)
+      freed[static_cast<std::size_t>(i)] = i % 2 ? std::malloc(static_cast<std::size_t>(i % 500)) : new char[i % 500 + 1];
+    for (int i = 0; i < 5000; ++i) {
+      if (i % 2) std::free(freed[static_cast<std::size_t>(i)]);
+      else delete[] static_cast<char*>(freed[static_cast<std::size_t>(i)]);
+    }
   }
   std::vector<void*>().swap(freed);
   EnterPhase("leakMalloc");
