@@ -14,7 +14,7 @@ packages=(
   libroaring-dev libabsl-dev libjudy-dev                    # container peers
   libcgal-dev                                               # octree peer (header-only AABB tree)
   libdw1                                                    # crash-report symbolisation, loaded at run time
-  python3 gawk coreutils                                    # real programs run under zmx_run by the tests
+  python3                                                   # a real program run under zmx_run by the tests
 )
 
 missing=()
