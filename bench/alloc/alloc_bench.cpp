@@ -486,7 +486,7 @@ void Measure(Plan& plan, int rounds) {
           std::fprintf(stderr, "%s / %s: no result\n", c.name, w.name);
           continue;
         }
-        std::fprintf(stderr, "round %d %-22s %-22s %12.0f ops/s %8.1f MiB\n", round + 1, c.name, w.name,
+        std::fprintf(stderr, "round %d %-28s %-22s %12.0f ops/s %8.1f MiB\n", round + 1, c.name, w.name,
                      now.opsPerSecond, now.peak);
         Result& r = plan.results[ci][wi];
         if (now.opsPerSecond > r.opsPerSecond) r.opsPerSecond = now.opsPerSecond;
@@ -551,11 +551,11 @@ void AddSpeedTargets(const zmx_bench::Report& speed, const char* contender, cons
 }
 
 // The general heap, lock on and off, against glibc without its per-thread cache
-// on every single-threaded workload that is not a small-object one.
+// on every single-threaded workload.
 void AddHeapTargets(const zmx_bench::Report& speed, std::vector<Target>& out) {
   for (const char* contender : {kGeneralHeap, kHeapNoLock}) {
     for (const Workload& w : kWorkloads) {
-      if (w.Threaded() || w.small) continue;
+      if (w.Threaded()) continue;
       Target t;
       t.what = std::string(contender) + " vs " + kGlibcNoCache + ", ops/s";
       t.workload = w.name;
