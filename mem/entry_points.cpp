@@ -27,23 +27,35 @@ inline bool IsSmallObjectForMemFree(const void* block) {
          HasSmallObjectMark(block);
 }
 
-}  // namespace
-
-extern "C" {
-
-void* mem_Malloc(std::size_t size) {
+ZMX_NOINLINE void* MallocRouted(std::size_t size) {
   void* block = (g_switches.tinyForMemMalloc && size <= kLargestTiny) ? SmallAllocate(size, true)
-                                                            : g_table.malloc(size);
+                                                                      : g_table.malloc(size);
   if (ZMX_UNLIKELY(TrackingOn(g_trackMalloc))) Tracker().RecordMalloc(block, size);
   return block;
 }
 
-void mem_Free(void* block) {
+ZMX_NOINLINE void FreeRouted(void* block) {
   if (ZMX_UNLIKELY(TrackingOn(g_trackFree))) Tracker().RecordFree(block);
   if (IsSmallObjectForMemFree(block))
     SmallFree(block);
   else
     g_table.free(block);
+}
+
+}  // namespace
+
+extern "C" {
+
+// The common case -- no small-object routing and tracking finally off -- is a
+// test of each and a jump through the table; the rest lies out of line.
+void* mem_Malloc(std::size_t size) {
+  if (ZMX_LIKELY(!g_switches.tinyForMemMalloc && g_trackMalloc == kTrackingOff)) return g_table.malloc(size);
+  return MallocRouted(size);
+}
+
+void mem_Free(void* block) {
+  if (ZMX_LIKELY(g_trackFree == kTrackingOff && !g_switches.tinyForMemFree)) return g_table.free(block);
+  FreeRouted(block);
 }
 
 void* mem_Realloc(void* block, std::size_t size) {

@@ -57,8 +57,10 @@ ZMX_NOINLINE void* NewSlowPath(std::size_t size, int& cache) {
   }
 }
 
+// Every case but the common one: size 0, small-object routing, tracking not
+// yet known or on.
 template <bool kNoThrow>
-inline void* NewPath(std::size_t size, int& cache) {
+ZMX_NOINLINE void* NewRouted(std::size_t size, int& cache) {
   if (size == 0) size = 1;
   void* block = AllocateForNew(size);
   if (ZMX_LIKELY(block != nullptr)) {
@@ -66,6 +68,17 @@ inline void* NewPath(std::size_t size, int& cache) {
     return block;
   }
   return NewSlowPath<kNoThrow>(size, cache);
+}
+
+// The common case is one test each of the size, the switch and the cached
+// tracking mode, and a call through the table.
+template <bool kNoThrow>
+inline void* NewPath(std::size_t size, int& cache) {
+  if (ZMX_LIKELY(size != 0 && !g_switches.tinyForOperatorNew && cache == kTrackingOff)) {
+    if (void* block = g_table.malloc(size)) return block;
+    return NewSlowPath<kNoThrow>(size, cache);
+  }
+  return NewRouted<kNoThrow>(size, cache);
 }
 
 // Requests aligned beyond 4 bytes use the heap's aligned allocation and never
@@ -88,13 +101,18 @@ void* AlignedNewPath(std::size_t size, std::align_val_t alignment, int& cache) {
 
 // ------------------------------------------------------------- delete path
 
-inline void DeletePath(void* block, int& cache) {
-  if (block == nullptr) return;
+ZMX_NOINLINE void DeleteRouted(void* block, int& cache) {
   if (ZMX_UNLIKELY(TrackingOn(cache))) Tracker().RecordDelete(block);
   if (g_switches.tinyForOperatorDelete && HasSmallObjectMark(block))
     SmallFree(block);
   else
     g_table.free(block);
+}
+
+inline void DeletePath(void* block, int& cache) {
+  if (block == nullptr) return;
+  if (ZMX_LIKELY(cache == kTrackingOff && !g_switches.tinyForOperatorDelete)) return g_table.free(block);
+  DeleteRouted(block, cache);
 }
 
 // Cached tracking modes, one per operator form.

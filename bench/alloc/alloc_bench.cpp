@@ -1,11 +1,14 @@
 // Allocator benchmark: the library's general heap (mem_Malloc/mem_Free, new/delete,
-// and with its lock switched off) and its small-object path (mem_TBAllocator(2),
-// small-object lock off and on) against glibc malloc, mimalloc, jemalloc and
-// tcmalloc on the same workloads. Run without arguments it starts one child
-// process per (contender, workload) -- peers that replace malloc are preloaded
-// into their child -- and prints ops/s, the ratio to glibc, peak resident memory,
-// resident bytes per live 32-byte block and the small-object targets, then writes
-// alloc_bench.md, alloc_bench_rss.md and their charts.
+// with its lock switched off, and with its per-thread cache) and its small-object
+// path (mem_TBAllocator(2), small-object lock off and on) against glibc malloc
+// (with and without its per-thread cache), mimalloc, jemalloc and tcmalloc on the
+// same workloads. Run without arguments it starts one child process per
+// (contender, workload) -- peers that replace malloc are preloaded into their
+// child, contenders chosen by the environment get it set before the child starts
+// -- and prints ops/s, the ratios to glibc with and without its cache, peak
+// resident memory, resident bytes per live 32-byte block and the targets, then
+// writes alloc_bench.md, alloc_bench_rss.md and their charts (a failed write is
+// an error: message on stderr, exit status 1).
 //   alloc_bench [--quick] [--small] [--rounds N] [--out DIR]   the whole comparison
 //     --quick  a fifth of the operations, one round
 //     --small  only the small-object workloads and the contenders they are judged against
@@ -194,6 +197,36 @@ std::size_t LarsonThreads(unsigned threads) {
   return count;
 }
 
+// One thread allocates into a bounded queue while another takes the blocks out
+// and frees them: every block is freed by a thread other than its allocator's.
+std::size_t ProducerConsumer() {
+  constexpr std::size_t kQueue = 1024;  // a power of two
+  std::vector<std::atomic<void*>> queue(kQueue);
+  for (auto& q : queue) q.store(nullptr);
+  std::atomic<std::size_t> head{0}, tail{0};  // head: next to take; tail: next to fill
+  const std::size_t blocks = Ops(1500000);
+  std::thread consumer([&] {
+    for (std::size_t taken = 0; taken < blocks; ++taken) {
+      const std::size_t h = head.load(std::memory_order_relaxed);
+      while (tail.load(std::memory_order_acquire) == h) std::this_thread::yield();
+      Release(queue[h & (kQueue - 1)].load(std::memory_order_relaxed));
+      head.store(h + 1, std::memory_order_release);
+    }
+  });
+  std::mt19937_64 rng(8);
+  for (std::size_t made = 0; made < blocks; ++made) {
+    const std::size_t n = 16 + rng() % 497;
+    void* p = Alloc(n);
+    Touch(p, n);
+    const std::size_t t = tail.load(std::memory_order_relaxed);
+    while (t - head.load(std::memory_order_acquire) == kQueue) std::this_thread::yield();
+    queue[t & (kQueue - 1)].store(p, std::memory_order_relaxed);
+    tail.store(t + 1, std::memory_order_release);
+  }
+  consumer.join();
+  return 2 * blocks;
+}
+
 // ------------------------------------------------------ small-object workloads
 // Blocks of 16 to 128 bytes, the sizes mem_TBAllocator(2) sends to the small-object allocator.
 
@@ -276,8 +309,9 @@ std::size_t LiveBlocks32() {
 struct Workload {
   const char* name;
   std::size_t (*run)();
-  bool threaded;
-  bool small;  // a small-object workload: run by --small
+  unsigned threads;  // threads that allocate or free at once
+  bool small;        // a small-object workload: run by --small
+  bool Threaded() const { return threads > 1; }
 };
 
 const char* const kTinyRandom = "tiny 16-128 B random";
@@ -286,15 +320,17 @@ const char* const kTinyLongLived = "tiny long-lived+churn";
 const char* const kLiveBlocks = "1M live 32 B blocks";
 
 const Workload kWorkloads[] = {
-    {"small 8-512 B", SmallRandom, false, false},
-    {"power-law to 1 MiB", PowerLaw, false, false},
-    {"realloc growth", ReallocGrowth, false, false},
-    {"long+short mix", LongShortMix, false, false},
-    {"larson 2 threads", [] { return LarsonThreads(2); }, true, false},
-    {kTinyRandom, TinyRandom, false, true},
-    {kTinyBatches, TinyBatches, false, true},
-    {kTinyLongLived, TinyLongLivedChurn, false, true},
-    {kLiveBlocks, LiveBlocks32, false, true},
+    {"small 8-512 B", SmallRandom, 1, false},
+    {"power-law to 1 MiB", PowerLaw, 1, false},
+    {"realloc growth", ReallocGrowth, 1, false},
+    {"long+short mix", LongShortMix, 1, false},
+    {"larson 2 threads", [] { return LarsonThreads(2); }, 2, false},
+    {"larson 4 threads", [] { return LarsonThreads(4); }, 4, false},
+    {"producer/consumer", ProducerConsumer, 2, false},
+    {kTinyRandom, TinyRandom, 1, true},
+    {kTinyBatches, TinyBatches, 1, true},
+    {kTinyLongLived, TinyLongLivedChurn, 1, true},
+    {kLiveBlocks, LiveBlocks32, 1, true},
 };
 constexpr std::size_t kWorkloadCount = sizeof kWorkloads / sizeof kWorkloads[0];
 
@@ -307,28 +343,38 @@ struct Contender {
   const char* name;
   Api api;
   Setup setup;
-  const char* preload;  // shared library replacing malloc, or null
+  const char* preload;      // shared library replacing malloc, or null
+  const char* environment;  // NAME=VALUE set before the child starts, or null
   bool singleThreadedOnly;
   bool small;  // judged against on the small-object workloads: run by --small
 };
 
 const char* const kGlibc = "glibc";
+const char* const kGlibcNoCache = "glibc (no tcache)";
 const char* const kMimalloc = "mimalloc";
 const char* const kGeneralHeap = "zmx mem_Malloc";
 const char* const kSmallObjects = "zmx small-objects";
 const char* const kSmallObjectsLocked = "zmx small-objects+lock";
 
+const char* const kHeapNoLock = "zmx no lock";
+
 const Contender kContenders[] = {
-    {kGlibc, Api::kSystemMalloc, Setup::kDefault, nullptr, false, true},
-    {kGeneralHeap, Api::kMemMalloc, Setup::kDefault, nullptr, false, true},
-    {"zmx new/delete", Api::kNewDelete, Setup::kDefault, nullptr, false, false},
-    {"zmx no lock", Api::kMemMalloc, Setup::kHeapLockOff, nullptr, true, false},
-    {kSmallObjects, Api::kMemMalloc, Setup::kSmallObjects, nullptr, true, true},
-    {kSmallObjectsLocked, Api::kMemMalloc, Setup::kSmallObjectsLocked, nullptr, false, true},
-    {kMimalloc, Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libmimalloc.so.2", false, true},
-    {"jemalloc", Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libjemalloc.so.2", false, true},
-    {"tcmalloc", Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libtcmalloc_minimal.so.4", false,
+    {kGlibc, Api::kSystemMalloc, Setup::kDefault, nullptr, nullptr, false, true},
+    {kGlibcNoCache, Api::kSystemMalloc, Setup::kDefault, nullptr, "GLIBC_TUNABLES=glibc.malloc.tcache_count=0",
+     false, false},
+    {kGeneralHeap, Api::kMemMalloc, Setup::kDefault, nullptr, nullptr, false, true},
+    {"zmx new/delete", Api::kNewDelete, Setup::kDefault, nullptr, nullptr, false, false},
+    {kHeapNoLock, Api::kMemMalloc, Setup::kHeapLockOff, nullptr, nullptr, true, false},
+    {"general heap + thread cache", Api::kMemMalloc, Setup::kDefault, nullptr, "ZMX_HEAP_THREAD_CACHE=1", false,
+     false},
+    {kSmallObjects, Api::kMemMalloc, Setup::kSmallObjects, nullptr, nullptr, true, true},
+    {kSmallObjectsLocked, Api::kMemMalloc, Setup::kSmallObjectsLocked, nullptr, nullptr, false, true},
+    {kMimalloc, Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libmimalloc.so.2", nullptr, false,
      true},
+    {"jemalloc", Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libjemalloc.so.2", nullptr, false,
+     true},
+    {"tcmalloc", Api::kSystemMalloc, Setup::kDefault, "/usr/lib/x86_64-linux-gnu/libtcmalloc_minimal.so.4", nullptr,
+     false, true},
 };
 constexpr std::size_t kContenderCount = sizeof kContenders / sizeof kContenders[0];
 
@@ -399,7 +445,7 @@ struct Plan {
   }
   // A contender without a lock is kept off workloads with several threads.
   bool LeftOutForThreads(std::size_t ci, std::size_t wi) const {
-    return kWorkloads[wi].threaded && kContenders[ci].singleThreadedOnly;
+    return kWorkloads[wi].Threaded() && kContenders[ci].singleThreadedOnly;
   }
   bool Runs(std::size_t ci, std::size_t wi) const { return Selected(ci, wi) && !LeftOutForThreads(ci, wi); }
 };
@@ -414,6 +460,7 @@ std::string SelfPath() {
 bool RunOne(const Plan& plan, const Contender& c, const Workload& w, Result& out) {
   std::string cmd;
   if (c.preload) cmd += std::string("LD_PRELOAD=") + c.preload + " ";
+  if (c.environment) cmd += std::string(c.environment) + " ";
   cmd += "'" + plan.self + "' --child '" + c.name + "' '" + w.name + "' " + plan.scaleText;
   FILE* pipe = popen(cmd.c_str(), "r");
   if (pipe == nullptr) return false;
@@ -439,7 +486,7 @@ void Measure(Plan& plan, int rounds) {
           std::fprintf(stderr, "%s / %s: no result\n", c.name, w.name);
           continue;
         }
-        std::fprintf(stderr, "round %d %-22s %-22s %12.0f ops/s %8.1f MiB\n", round + 1, c.name, w.name,
+        std::fprintf(stderr, "round %d %-28s %-22s %12.0f ops/s %8.1f MiB\n", round + 1, c.name, w.name,
                      now.opsPerSecond, now.peak);
         Result& r = plan.results[ci][wi];
         if (now.opsPerSecond > r.opsPerSecond) r.opsPerSecond = now.opsPerSecond;
@@ -503,8 +550,31 @@ void AddSpeedTargets(const zmx_bench::Report& speed, const char* contender, cons
   }
 }
 
-std::vector<Target> Targets(const Reports& reports) {
+// The general heap, lock on and off, against glibc without its per-thread cache
+// on every single-threaded workload.
+void AddHeapTargets(const zmx_bench::Report& speed, std::vector<Target>& out) {
+  for (const char* contender : {kGeneralHeap, kHeapNoLock}) {
+    for (const Workload& w : kWorkloads) {
+      if (w.Threaded()) continue;
+      Target t;
+      t.what = std::string(contender) + " vs " + kGlibcNoCache + ", ops/s";
+      t.workload = w.name;
+      t.goal = ">= 1.00x";
+      const double ratio = speed.Ratio(w.name, contender, kGlibcNoCache);
+      t.known = ratio > 0;
+      t.met = ratio >= 1.0;
+      char buf[96];
+      std::snprintf(buf, sizeof buf, "%.2fx (%.1f vs %.1f Mops/s)", ratio, speed.Value(w.name, contender) / 1e6,
+                    speed.Value(w.name, kGlibcNoCache) / 1e6);
+      t.figures = buf;
+      out.push_back(t);
+    }
+  }
+}
+
+std::vector<Target> Targets(const Reports& reports, bool small) {
   std::vector<Target> targets;
+  if (!small) AddHeapTargets(reports.speed, targets);
   AddSpeedTargets(reports.speed, kSmallObjects, kMimalloc, targets);
   AddSpeedTargets(reports.speed, kSmallObjectsLocked, kGlibc, targets);
   Target t;
@@ -525,15 +595,15 @@ std::vector<Target> Targets(const Reports& reports) {
 const char* Verdict(const Target& t) { return !t.known ? "n/a" : t.met ? "met" : "MISSED"; }
 
 void PrintTargets(const std::vector<Target>& targets) {
-  std::printf("\n== small-object targets ==\n%-40s %-22s %-12s %-7s %s\n", "target", "workload", "goal", "result",
+  std::printf("\n== targets ==\n%-44s %-22s %-12s %-7s %s\n", "target", "workload", "goal", "result",
               "figures");
   for (const Target& t : targets)
-    std::printf("%-40s %-22s %-12s %-7s %s\n", t.what.c_str(), t.workload.c_str(), t.goal.c_str(), Verdict(t),
+    std::printf("%-44s %-22s %-12s %-7s %s\n", t.what.c_str(), t.workload.c_str(), t.goal.c_str(), Verdict(t),
                 t.figures.c_str());
 }
 
 std::string TargetsMarkdown(const std::vector<Target>& targets) {
-  std::string text = "## Small-object targets\n\n| target | workload | goal | result | figures |\n|---|---|---|---|---|\n";
+  std::string text = "## Targets\n\n| target | workload | goal | result | figures |\n|---|---|---|---|---|\n";
   for (const Target& t : targets)
     text += "| " + t.what + " | " + t.workload + " | " + t.goal + " | " + Verdict(t) + " | " + t.figures + " |\n";
   return text;
@@ -541,25 +611,68 @@ std::string TargetsMarkdown(const std::vector<Target>& targets) {
 
 // ------------------------------------------------------------- publishing
 
-void Publish(const Reports& reports, const std::string& outDir) {
+// A plain line for each workload that runs more threads than the machine has
+// cores: its threads then take turns rather than run at once.
+std::string CoreNotes(const Plan& plan) {
+  const unsigned cores = std::thread::hardware_concurrency();
+  std::string notes;
+  for (std::size_t wi = 0; wi < kWorkloadCount; ++wi) {
+    const Workload& w = kWorkloads[wi];
+    bool runs = false;
+    for (std::size_t ci = 0; ci < kContenderCount; ++ci) runs = runs || plan.Runs(ci, wi);
+    if (!runs || cores == 0 || w.threads <= cores) continue;
+    char line[160];
+    std::snprintf(line, sizeof line, "note: \"%s\" runs %u threads on a machine with %u cores\n", w.name,
+                  w.threads, cores);
+    notes += line;
+  }
+  return notes;
+}
+
+// Every file is written; false (after a message on stderr for each that failed)
+// when one could not be.
+bool WriteFiles(const Reports& reports, const std::vector<Target>& targets, const std::string& notes, bool small,
+                const std::string& outDir) {
+  bool ok = true;
+  auto check = [&](bool written, const char* name) {
+    if (!written) std::fprintf(stderr, "alloc_bench: cannot write %s/%s\n", outDir.c_str(), name);
+    ok = ok && written;
+  };
+  {
+    std::ofstream md(outDir + "/alloc_bench.md");
+    md << TargetsMarkdown(targets) << "\n" << (notes.empty() ? "" : notes + "\n")
+       << reports.speed.MarkdownText(kGlibc) << "\n"
+       << (small ? "" : reports.speed.MarkdownText(kGlibcNoCache) + "\n") << reports.perBlock.MarkdownText(kGlibc);
+    md.flush();
+    check(static_cast<bool>(md), "alloc_bench.md");
+  }
+  check(reports.memory.WriteMarkdown(outDir + "/alloc_bench_rss.md", kGlibc), "alloc_bench_rss.md");
+  check(reports.speed.WriteSvg(outDir + "/alloc_bench.svg", kGlibc), "alloc_bench.svg");
+  check(reports.memory.WriteSvg(outDir + "/alloc_bench_rss.svg", kGlibc), "alloc_bench_rss.svg");
+  check(reports.perBlock.WriteSvg(outDir + "/alloc_bench_block.svg", kGlibc), "alloc_bench_block.svg");
+  return ok;
+}
+
+bool Publish(const Plan& plan, const Reports& reports, const std::string& outDir) {
+  const std::string notes = CoreNotes(plan);
+  if (!notes.empty()) std::printf("\n%s", notes.c_str());
   std::printf("\n== throughput, ratio to glibc (above 1 is faster) ==\n");
   reports.speed.PrintTable(kGlibc);
+  if (!plan.small) {
+    std::printf("\n== throughput, ratio to glibc without its per-thread cache (above 1 is faster) ==\n");
+    reports.speed.PrintTable(kGlibcNoCache);
+  }
   std::printf("\n== peak resident memory, ratio to glibc (above 1 is smaller) ==\n");
   reports.memory.PrintTable(kGlibc);
   std::printf("\n== resident bytes per live 32-byte block, ratio to glibc (above 1 is smaller) ==\n");
   reports.perBlock.PrintTable(kGlibc);
-  const std::vector<Target> targets = Targets(reports);
+  const std::vector<Target> targets = Targets(reports, plan.small);
   PrintTargets(targets);
-  std::ofstream md(outDir + "/alloc_bench.md");
-  md << TargetsMarkdown(targets) << "\n" << reports.speed.MarkdownText(kGlibc) << "\n"
-     << reports.perBlock.MarkdownText(kGlibc);
-  reports.memory.WriteMarkdown(outDir + "/alloc_bench_rss.md", kGlibc);
-  reports.speed.WriteSvg(outDir + "/alloc_bench.svg", kGlibc);
-  reports.memory.WriteSvg(outDir + "/alloc_bench_rss.svg", kGlibc);
-  reports.perBlock.WriteSvg(outDir + "/alloc_bench_block.svg", kGlibc);
+  if (!WriteFiles(reports, targets, notes, plan.small, outDir)) return false;
   std::printf("\nwrote %s/alloc_bench.md, alloc_bench_rss.md, alloc_bench.svg, alloc_bench_rss.svg, "
               "alloc_bench_block.svg\n",
               outDir.c_str());
+  return true;
 }
 
 int RunDriver(const std::string& outDir, const char* scaleText, int rounds, bool small) {
@@ -575,8 +688,7 @@ int RunDriver(const std::string& outDir, const char* scaleText, int rounds, bool
   Measure(plan, rounds);
   Reports reports;
   Fill(plan, reports);
-  Publish(reports, outDir);
-  return 0;
+  return Publish(plan, reports, outDir) ? 0 : 1;
 }
 
 }  // namespace

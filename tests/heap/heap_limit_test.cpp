@@ -84,6 +84,13 @@ TEST(HeapLimit, FrontDoorReturnsNullThrowsBadAllocationOrRetriesThroughTheNewHan
             "operator_new_handler_calls 1\n");
 }
 
+// A fresh process starts with one thread, so the heap runs without its lock's
+// atomics at first; they must be back as soon as a second thread exists.
+TEST(HeapLock, TheLockIsBackFromTheSecondThreadOn) {
+  EXPECT_EQ(Scenario("lock_after_second_thread"),
+            "single_threaded_before 1\nsingle_threaded_after 0\nconsistent 1\n");
+}
+
 TEST(HeapFragmentation, ZeroBeforeAnyAllocationThenTheLargestFreeChunk) {
   EXPECT_EQ(Scenario("first_fragmentation"),
             "before_any_allocation 0\n"

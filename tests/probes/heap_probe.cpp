@@ -1,14 +1,20 @@
 // Fresh-process scenarios for the general heap: the memory limit and its lag,
 // the limit seen through the front door (null, bad_alloc, new-handler retry),
-// the first fragmentation query and the abort on a damaged heap.
+// the first fragmentation query, the abort on a damaged heap, and the heap's
+// lock coming back once a second thread exists.
 // Prints one "name value" line per observation.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/single_threaded.h>
+
 #include <new>
+#include <random>
+#include <thread>
 #include <vector>
 
 #include "ZMXUTI_CoreUtils.h"
+#include "mem/heap/internal/general_heap_check.h"
 #include "probes/probe_main.h"
 
 namespace {
@@ -296,6 +302,34 @@ void FreeBeforeAnyAllocation() {
   Show("survived", 1);
 }
 
+// Blocks taken while the process has one thread (the heap then skips its
+// lock's atomics) are freed by the main thread while three more threads churn
+// the heap: from the second thread on, every operation must be locked again.
+void LockAfterSecondThread() {
+  Up();
+  std::vector<void*> early;
+  for (int i = 0; i < 20000; ++i) early.push_back(dlmalloc(16 + static_cast<std::size_t>(i % 600)));
+  Show("single_threaded_before", __libc_single_threaded != 0);
+  auto churn = [](unsigned seed) {
+    std::mt19937 rng(seed);
+    std::vector<unsigned char*> mine(256, nullptr);
+    for (int i = 0; i < 300000; ++i) {
+      unsigned char*& slot = mine[rng() % mine.size()];
+      if (slot != nullptr && slot[0] != static_cast<unsigned char>(seed)) std::abort();  // overwritten by another thread
+      dlfree(slot);
+      slot = static_cast<unsigned char*>(dlmalloc(1 + rng() % 700));
+      slot[0] = static_cast<unsigned char>(seed);
+    }
+    for (unsigned char* p : mine) dlfree(p);
+  };
+  std::vector<std::thread> threads;
+  for (unsigned t = 1; t <= 3; ++t) threads.emplace_back(churn, t);
+  Show("single_threaded_after", __libc_single_threaded != 0);
+  for (void* p : early) dlfree(p);
+  for (auto& t : threads) t.join();
+  Show("consistent", zmx::mem_internal::CheckGeneralHeap().consistent);
+}
+
 const zmx_probe::Scenario kScenarios[] = {
     {"limit_boundary", LimitBoundary}, {"limit_lag", LimitLag},
     {"limit_recovery", LimitRecovery}, {"front_door_limit", FrontDoorLimit},
@@ -304,6 +338,7 @@ const zmx_probe::Scenario kScenarios[] = {
     {"free_stack_pointer", FreeOfStackPointer}, {"free_zeroed_static", FreeOfZeroedStatic},
     {"free_runtime_block", FreeOfRuntimeBlock},
     {"free_interior_pointer", FreeOfInteriorPointer}, {"free_before_any_allocation", FreeBeforeAnyAllocation},
+    {"lock_after_second_thread", LockAfterSecondThread},
 };
 
 }  // namespace

@@ -165,10 +165,16 @@ inline void EnsureSetUp() {
   if (ZMX_UNLIKELY(g_params.pageSize.load(std::memory_order_acquire) == 0)) SetUp();
 }
 
-// Holds the heap lock for one operation when the lock-use copy asks for it.
+// Holds the heap lock for one operation when the lock-use copy asks for it
+// and another thread could be running. A process that never started a second
+// thread takes no atomic: no one else can reach the heap. The choice is made
+// once, here, and the release follows it, so an operation that started
+// unlocked ends unlocked even if a thread was started meanwhile (only the
+// thread inside the operation could have started it, and it was busy here).
 class HeapLockGuard : CountingLockHold {
  public:
-  explicit HeapLockGuard(Heap& h) : CountingLockHold(h.lock, h.lockUse != 0) {}
+  explicit HeapLockGuard(Heap& h)
+      : CountingLockHold(h.lock, h.lockUse != 0 && !platform::ProcessIsSingleThreaded()) {}
 };
 
 [[noreturn]] void CorruptionDetected(const char* what);
