@@ -32,13 +32,20 @@ static_assert(sizeof(Word) == sizeof(std::uint64_t), "a leaf is a plain bitmap")
 
 std::uint64_t PageOf(const void* address) { return reinterpret_cast<std::uintptr_t>(address) >> kPageShift; }
 
+// Leaves are asked for at fixed addresses of their own, low in the address
+// space where nothing else is mapped, never next to the heap's segments: a leaf
+// right below a segment would stop the heap from growing it downwards, and the
+// heap's layout would then depend on when a leaf happened to be created.
+constexpr std::uintptr_t kLeafHome = std::uintptr_t{1} << 44;
+
 // The leaf for pages [i << kLeafBits, ...), created when `create` is set.
 // Another thread may race for the same slot when the heap lock is off: the
 // loser gives its mapping back.
 Word* Leaf(std::uint64_t top, bool create) {
   Word* leaf = g_leaves[top].load(std::memory_order_acquire);
   if (leaf != nullptr || !create) return leaf;
-  Word* mine = static_cast<Word*>(platform::MapMemory(kLeafBytes, false));
+  const void* home = reinterpret_cast<const void*>(kLeafHome + top * kLeafBytes);
+  Word* mine = static_cast<Word*>(platform::MapMemory(kLeafBytes, false, home));
   if (mine == nullptr) return nullptr;  // the mapping reads as zero: all bits clear
   if (g_leaves[top].compare_exchange_strong(leaf, mine, std::memory_order_acq_rel)) return mine;
   platform::UnmapMemory(mine, kLeafBytes);
