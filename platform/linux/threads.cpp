@@ -105,6 +105,19 @@ void DetachThread(Thread* thread) {
 
 void YieldThread() { sched_yield(); }
 
+// ---- thread exit ----
+
+bool CreateThreadExitKey(ThreadExitHook hook, ThreadExitKey* key) {
+  pthread_key_t k;
+  if (pthread_key_create(&k, hook) != 0) return false;
+  key->value = static_cast<unsigned>(k);
+  return true;
+}
+
+bool ArmThreadExit(ThreadExitKey key, void* argument) {
+  return pthread_setspecific(static_cast<pthread_key_t>(key.value), argument) == 0;
+}
+
 // ---- thread message queues ----
 
 namespace {
