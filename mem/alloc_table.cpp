@@ -55,6 +55,12 @@ void* BootstrapMemalign(std::size_t alignment, std::size_t size) {
   return g_table.memalign(alignment, size);
 }
 
+// Present with a value that does not begin with "0".
+bool ThreadCacheWanted() {
+  const char* value = std::getenv("ZMX_HEAP_THREAD_CACHE");
+  return value != nullptr && value[0] != '0';
+}
+
 }  // namespace
 
 AllocTable g_table = {
@@ -75,7 +81,7 @@ void ChooseAllocator() {
     useGeneral = false;
     filling = &kGuardedHeapTable;
   } else {
-    filling = useGeneral ? &kGeneralHeapTable : &kRuntimeHeapTable;
+    filling = useGeneral ? (ThreadCacheWanted() ? &kGeneralHeapCachedTable : &kGeneralHeapTable) : &kRuntimeHeapTable;
   }
   g_switches.useGeneralHeap = useGeneral;
   g_table = *filling;  // all slots at once

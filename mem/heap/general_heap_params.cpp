@@ -6,6 +6,7 @@
 #include "mem/heap/general_heap.h"
 #include "mem/heap/internal/general_heap_check.h"
 #include "mem/heap/internal/general_heap_state.h"
+#include "mem/heap/internal/thread_cache.h"
 #include "platform/platform.h"
 
 namespace zmx {
@@ -130,6 +131,7 @@ int dlmallopt(int parameter, int value) {
 }
 
 int dlmalloc_trim(std::size_t pad) {
+  zmx::mem_internal::FlushThreadCachesBeforeQuery();
   EnsureSetUp();
   HeapLockGuard guard(g_heap);
   return g_heap.Trim(pad);
@@ -140,9 +142,13 @@ std::size_t dlmalloc_max_footprint() { return g_heap.maxFootprint; }
 std::size_t dlmalloc_memory_limit() { return g_params.memoryLimit; }
 int error_memory_limit() { return g_limitStatus; }
 
-std::size_t dlfragmentationinfo() { return internal_dlfragmentationinfo(g_heap); }
+std::size_t dlfragmentationinfo() {
+  zmx::mem_internal::FlushThreadCachesBeforeQuery();
+  return internal_dlfragmentationinfo(g_heap);
+}
 
 dl_mallinfo dlmallinfo() {
+  zmx::mem_internal::FlushThreadCachesBeforeQuery();
   EnsureSetUp();
   HeapLockGuard guard(g_heap);
   dl_mallinfo info{};

@@ -1,0 +1,508 @@
+// The general heap's per-thread cache of free small chunks, in front of the
+// heap when ZMX_HEAP_THREAD_CACHE chooses the cached filling of the table.
+//
+// A cached chunk stays in use from the heap's view; its head is never written
+// here (the heap may flip its previous-in-use bit at any time under its lock).
+// Its second word holds a mark derived from its address, so that a second free
+// of a cached block is caught; the mark is wiped when the chunk leaves. Each thread refills a
+// size class in one batch and gives back half a class (or half of everything,
+// past its byte bound) in one batch: one heap lock per batch, not per call.
+//
+// Reaching another thread's cache (statistics, trim, a refusal by the memory
+// limit, fork, the thread's exit): every cache has a one-word lock. Its owner
+// holds it only around the few instructions that touch its lists, never with
+// the heap lock, and skips it while the process has a single thread (no other
+// thread can exist then to look). Whoever empties other caches holds the
+// registry lock, takes each cache's lock just to detach its lists, and returns
+// the chunks under the heap lock afterwards. So the locks are always taken in
+// the order registry, cache, heap, and no cache lock is ever held while
+// waiting for the heap.
+#include "mem/heap/internal/thread_cache.h"
+
+#include <cstring>
+#include <new>
+
+#include "mem/heap/general_heap.h"
+#include "mem/heap/internal/general_heap_state.h"
+#include "platform/platform.h"
+#include "platform/threads.h"
+
+namespace zmx {
+namespace mem_internal {
+
+std::atomic<unsigned> g_threadCaches{0};
+
+namespace {
+
+using heap::Chunk;
+using heap::ChunkSize;
+using heap::FromMem;
+using heap::g_heap;
+using heap::HeapLockGuard;
+using heap::kChunkOverhead;
+using heap::kMinChunk;
+using heap::ToMem;
+
+constexpr std::size_t kMaxCachedRequest = kCachedChunkMax - kChunkOverhead;
+
+constexpr unsigned ClassOf(std::size_t chunkSize) { return static_cast<unsigned>(chunkSize >> 4) - 2; }
+constexpr std::size_t ClassSize(unsigned cls) { return (std::size_t(cls) + 2) << 4; }
+
+// The mark of a cached chunk in its bk word; the library's load address makes
+// it differ from run to run.
+Chunk* Mark(const Chunk* p) {
+  static const char anchor = 0;
+  return reinterpret_cast<Chunk*>(reinterpret_cast<std::uintptr_t>(p) ^
+                                  (reinterpret_cast<std::uintptr_t>(&anchor) * 0x9E3779B97F4A7C15u));
+}
+bool IsMarked(const Chunk* p) { return p->bk == Mark(p); }
+
+struct CapTable {
+  std::uint8_t cap[kCacheClasses];
+};
+constexpr CapTable MakeCaps() {
+  CapTable t{};
+  for (unsigned i = 0; i < kCacheClasses; ++i) t.cap[i] = static_cast<std::uint8_t>(CacheClassCap(ClassSize(i)));
+  return t;
+}
+constexpr CapTable kCaps = MakeCaps();
+
+// Held for a few instructions by a cache's owner, or briefly by whoever
+// empties the cache: spin a little, then let the holder run.
+class WordLock {
+ public:
+  void Acquire() {
+    while (flag_.exchange(1, std::memory_order_acquire) != 0) {
+      for (int i = 0; i < 100 && flag_.load(std::memory_order_relaxed) != 0; ++i) platform::CpuRelax();
+      if (flag_.load(std::memory_order_relaxed) != 0) platform::YieldThread();
+    }
+  }
+  void Release() { flag_.store(0, std::memory_order_release); }
+  bool Held() const { return flag_.load(std::memory_order_relaxed) != 0; }
+  void Reset() { flag_.store(0, std::memory_order_relaxed); }
+
+ private:
+  std::atomic<std::uint32_t> flag_{0};
+};
+
+struct ThreadCache {
+  Chunk* heads[kCacheClasses] = {};  // linked through fd
+  std::uint8_t counts[kCacheClasses] = {};
+  std::size_t bytes = 0;
+  // The heap's address range as of this thread's last refill (it only ever
+  // widens): frees check against it without touching the heap's own lines.
+  std::uintptr_t least = 0;
+  std::size_t span = 0;
+  WordLock lock;
+  ThreadCache* next = nullptr;  // registry links, under the registry lock
+  ThreadCache* prev = nullptr;
+};
+
+// Null until the thread's first cached request, and again once it has ended.
+thread_local ThreadCache* t_cache __attribute__((tls_model("initial-exec"))) = nullptr;
+// Set when the thread must not (or can no longer) have a cache.
+thread_local bool t_bypass __attribute__((tls_model("initial-exec"))) = false;
+
+WordLock g_registryLock;
+ThreadCache* g_registry = nullptr;
+platform::ThreadExitKey g_exitKey = {0};
+int g_exitKeyState = 0;  // 0 not yet made, 1 made, -1 refused; under the registry lock
+
+// The owner's hold on its cache; no lock while no other thread exists.
+class OwnerHold {
+ public:
+  explicit OwnerHold(ThreadCache* c) : c_(c), locked_(!platform::ProcessIsSingleThreaded()) {
+    if (locked_) c_->lock.Acquire();
+  }
+  ~OwnerHold() {
+    if (locked_) c_->lock.Release();
+  }
+  OwnerHold(const OwnerHold&) = delete;
+  OwnerHold& operator=(const OwnerHold&) = delete;
+
+ private:
+  ThreadCache* c_;
+  bool locked_;
+};
+
+// ---- lists (the caller holds the cache) ----
+
+void Push(ThreadCache* c, unsigned cls, Chunk* p) {
+  p->bk = Mark(p);
+  p->fd = c->heads[cls];
+  c->heads[cls] = p;
+  ++c->counts[cls];
+  c->bytes += ClassSize(cls);
+}
+
+// Detaches all but the first `keep` chunks of a class into chains[cls].
+void DetachTail(ThreadCache* c, unsigned cls, unsigned keep, Chunk** chains) {
+  const unsigned count = c->counts[cls];
+  if (count <= keep) return;
+  Chunk** link = &c->heads[cls];
+  for (unsigned i = 0; i < keep; ++i) link = &(*link)->fd;
+  chains[cls] = *link;
+  *link = nullptr;
+  c->counts[cls] = static_cast<std::uint8_t>(keep);
+  c->bytes -= (count - keep) * ClassSize(cls);
+}
+
+std::size_t DetachAll(ThreadCache* c, Chunk** chains) {
+  const std::size_t bytes = c->bytes;
+  for (unsigned cls = 0; cls < kCacheClasses; ++cls) {
+    chains[cls] = c->heads[cls];
+    c->heads[cls] = nullptr;
+    c->counts[cls] = 0;
+  }
+  c->bytes = 0;
+  return bytes;
+}
+
+// Returns detached chains (and one more chunk, if given) under one heap lock.
+void ReturnChains(Chunk** chains, Chunk* extra = nullptr) {
+  heap::EnsureSetUp();
+  HeapLockGuard guard(g_heap);
+  if (extra != nullptr) g_heap.Free(ToMem(extra));
+  for (unsigned cls = 0; cls < kCacheClasses; ++cls) {
+    for (Chunk* p = chains[cls]; p != nullptr;) {
+      Chunk* next = p->fd;
+      p->bk = nullptr;
+      g_heap.Free(ToMem(p));
+      p = next;
+    }
+  }
+  ZMX_HEAP_DEBUG_CHECK(g_heap);
+}
+
+// ---- the registry ----
+
+void OnThreadExit(void* argument);
+
+bool EnsureExitKeyHeld() {
+  if (g_exitKeyState == 0) g_exitKeyState = platform::CreateThreadExitKey(OnThreadExit, &g_exitKey) ? 1 : -1;
+  return g_exitKeyState > 0;
+}
+
+void LinkHeld(ThreadCache* c) {
+  c->next = g_registry;
+  if (g_registry != nullptr) g_registry->prev = c;
+  g_registry = c;
+  g_threadCaches.fetch_add(1, std::memory_order_relaxed);
+}
+
+void UnlinkHeld(ThreadCache* c) {
+  if (c->prev != nullptr)
+    c->prev->next = c->next;
+  else
+    g_registry = c->next;
+  if (c->next != nullptr) c->next->prev = c->prev;
+  g_threadCaches.fetch_sub(1, std::memory_order_relaxed);
+}
+
+// The thread's first cached request; null leaves the request to the heap.
+ZMX_NOINLINE ThreadCache* Register() {
+  if (t_bypass) return nullptr;
+  void* memory = dlmalloc(sizeof(ThreadCache));
+  if (memory == nullptr) return nullptr;
+  ThreadCache* c = new (memory) ThreadCache();
+  g_registryLock.Acquire();
+  const bool keyMade = EnsureExitKeyHeld();
+  if (keyMade) LinkHeld(c);
+  g_registryLock.Release();
+  if (keyMade && platform::ArmThreadExit(g_exitKey, c)) {
+    t_cache = c;
+    return c;
+  }
+  if (keyMade) {
+    g_registryLock.Acquire();
+    UnlinkHeld(c);
+    g_registryLock.Release();
+  }
+  t_bypass = true;
+  dlfree(memory);
+  return nullptr;
+}
+
+// Once unlinked, nobody else can reach the cache: its chunks and its record go back.
+void ReturnCacheAndRecord(ThreadCache* c) {
+  Chunk* chains[kCacheClasses];
+  DetachAll(c, chains);
+  ReturnChains(chains, FromMem(c));
+}
+
+void OnThreadExit(void* argument) {
+  ThreadCache* c = static_cast<ThreadCache*>(argument);
+  // Destructors that run after this one allocate from the heap directly.
+  t_cache = nullptr;
+  t_bypass = true;
+  g_registryLock.Acquire();
+  UnlinkHeld(c);
+  g_registryLock.Release();
+  ReturnCacheAndRecord(c);
+}
+
+std::size_t FlushAllHeld() {
+  std::size_t total = 0;
+  for (ThreadCache* c = g_registry; c != nullptr; c = c->next) {
+    Chunk* chains[kCacheClasses];
+    c->lock.Acquire();
+    const std::size_t bytes = DetachAll(c, chains);
+    c->lock.Release();
+    if (bytes != 0) ReturnChains(chains);
+    total += bytes;
+  }
+  return total;
+}
+
+// ---- slow paths ----
+
+// True when the heap can serve a chunk of nb bytes without asking the system.
+bool HeldSpaceServes(std::size_t nb) {
+  const heap::Heap& h = g_heap;
+  return h.topSize >= nb + kMinChunk || h.dvSize >= nb ||
+         (heap::IsSmall(nb) && (h.smallMap >> heap::SmallIndex(nb)) != 0);
+}
+
+// A request just refused by the memory limit is tried once more after every
+// cache went back; the status then reads as the retried request alone leaves it.
+template <typename Attempt>
+void* RetryAfterRefusal(int statusBefore, Attempt attempt) {
+  if (error_memory_limit() != -1 || FlushAllThreadCaches() == 0) return nullptr;
+  {
+    HeapLockGuard guard(g_heap);
+    heap::g_limitStatus = statusBefore;
+  }
+  return attempt();
+}
+
+void* HeapMalloc(std::size_t size) {
+  const int before = error_memory_limit();
+  if (void* mem = dlmalloc(size)) return mem;
+  return RetryAfterRefusal(before, [size] { return dlmalloc(size); });
+}
+
+// Serves the request from the heap and, while held space allows it without a
+// system request, takes up to half a class's cap more of the same size.
+ZMX_NOINLINE void* RefillAndTake(std::size_t nb, std::size_t size) {
+  ThreadCache* c = t_cache;
+  if (c == nullptr && (c = Register()) == nullptr) return HeapMalloc(size);
+  const unsigned cls = ClassOf(nb);
+  unsigned want;
+  {
+    OwnerHold hold(c);
+    const std::size_t room = c->bytes < kCacheThreadBytes ? (kCacheThreadBytes - c->bytes) / nb : 0;
+    const unsigned half = kCaps.cap[cls] / 2u;
+    want = c->counts[cls] >= half ? 0u : half - c->counts[cls];
+    if (room < want) want = static_cast<unsigned>(room);
+  }
+  const int before = error_memory_limit();
+  Chunk* chain = nullptr;
+  Chunk* tail = nullptr;
+  unsigned got = 0;
+  void* mem;
+  {
+    heap::EnsureSetUp();
+    HeapLockGuard guard(g_heap);
+    mem = g_heap.Malloc(size);
+    c->least = reinterpret_cast<std::uintptr_t>(g_heap.leastAddr);
+    c->span = g_heap.addrSpan;
+    while (mem != nullptr && got < want && HeldSpaceServes(nb)) {
+      void* extra = g_heap.Malloc(nb - kChunkOverhead);
+      if (extra == nullptr) break;
+      Chunk* q = FromMem(extra);
+      if (ChunkSize(q) != nb) {  // a slightly larger chunk: not for this class
+        g_heap.Free(extra);
+        break;
+      }
+      q->bk = Mark(q);
+      q->fd = chain;
+      chain = q;
+      if (tail == nullptr) tail = q;
+      ++got;
+    }
+    ZMX_HEAP_DEBUG_CHECK(g_heap);
+  }
+  if (mem == nullptr) return RetryAfterRefusal(before, [size] { return dlmalloc(size); });
+  if (chain != nullptr) {
+    OwnerHold hold(c);
+    tail->fd = c->heads[cls];
+    c->heads[cls] = chain;
+    c->counts[cls] = static_cast<std::uint8_t>(c->counts[cls] + got);
+    c->bytes += got * nb;
+  }
+  return mem;
+}
+
+// The class (or the whole cache) is full: half of it goes back, then p goes in.
+ZMX_NOINLINE void FreeOverCap(ThreadCache* c, Chunk* p, unsigned cls) {
+  Chunk* chains[kCacheClasses] = {};
+  {
+    OwnerHold hold(c);
+    if (c->bytes + ClassSize(cls) > kCacheThreadBytes) {
+      for (unsigned k = 0; k < kCacheClasses; ++k) DetachTail(c, k, c->counts[k] / 2u, chains);
+    }
+    if (c->counts[cls] >= kCaps.cap[cls]) DetachTail(c, cls, kCaps.cap[cls] / 2u, chains);
+    Push(c, cls, p);
+  }
+  ReturnChains(chains);
+}
+
+ZMX_NOINLINE void FreeRefreshingRange(ThreadCache* c, void* block) {
+  heap::EnsureSetUp();
+  HeapLockGuard guard(g_heap);
+  c->least = reinterpret_cast<std::uintptr_t>(g_heap.leastAddr);
+  c->span = g_heap.addrSpan;
+  g_heap.Free(block);
+  ZMX_HEAP_DEBUG_CHECK(g_heap);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- entry points
+
+void* ThreadCacheMalloc(std::size_t size) {
+  if (ZMX_LIKELY(size <= kMaxCachedRequest)) {
+    const std::size_t nb = heap::RequestToSize(size);
+    if (ThreadCache* c = t_cache) {
+      const unsigned cls = ClassOf(nb);
+      Chunk* p;
+      {
+        OwnerHold hold(c);
+        p = c->heads[cls];
+        if (p != nullptr) {
+          c->heads[cls] = p->fd;
+          --c->counts[cls];
+          c->bytes -= nb;
+        }
+      }
+      if (ZMX_LIKELY(p != nullptr)) {
+        p->bk = nullptr;
+        return ToMem(p);
+      }
+    }
+    return RefillAndTake(nb, size);
+  }
+  return HeapMalloc(size);
+}
+
+void ThreadCacheFree(void* block) {
+  if (block == nullptr) return;
+  Chunk* p = FromMem(block);
+  const std::size_t head = p->head;
+  if (ZMX_UNLIKELY(IsMarked(p))) heap::CorruptionDetected("free of a block that is not in use");
+  const std::size_t size = head & ~heap::kFlagBits;
+  // An in-use chunk of a segment, of a cached size, whose neighbour agrees;
+  // anything else is the heap's to judge.
+  if (ZMX_LIKELY((head & heap::kCinuse) != 0 && size - kMinChunk <= kCachedChunkMax - kMinChunk &&
+                 (size & heap::kAlignMask) == 0)) {
+    ThreadCache* c = t_cache;
+    if (ZMX_UNLIKELY(c == nullptr) && (c = Register()) == nullptr) return dlfree(block);
+    // Outside the range this thread knows: the heap judges the block, and the
+    // range is brought up to date for the next free.
+    if (ZMX_UNLIKELY(reinterpret_cast<std::uintptr_t>(p) - c->least >= c->span)) return FreeRefreshingRange(c, block);
+    if (ZMX_UNLIKELY(!heap::Pinuse(heap::ChunkAt(p, size)))) return dlfree(block);
+    const unsigned cls = ClassOf(size);
+    {
+      OwnerHold hold(c);
+      if (ZMX_LIKELY(c->counts[cls] < kCaps.cap[cls] && c->bytes + size <= kCacheThreadBytes)) {
+        Push(c, cls, p);
+        return;
+      }
+    }
+    FreeOverCap(c, p, cls);
+    return;
+  }
+  dlfree(block);
+}
+
+void* ThreadCacheCalloc(std::size_t count, std::size_t size) {
+  std::size_t bytes = 0;
+  if (__builtin_mul_overflow(count, size, &bytes)) return nullptr;
+  if (bytes <= kMaxCachedRequest) {
+    void* mem = ThreadCacheMalloc(bytes);
+    if (mem != nullptr) std::memset(mem, 0, bytes);
+    return mem;
+  }
+  const int before = error_memory_limit();
+  if (void* mem = dlcalloc(count, size)) return mem;
+  return RetryAfterRefusal(before, [count, size] { return dlcalloc(count, size); });
+}
+
+void* ThreadCacheRealloc(void* block, std::size_t size) {
+  if (block == nullptr) return ThreadCacheMalloc(size);
+  if (size == 0) {
+    ThreadCacheFree(block);
+    return nullptr;
+  }
+  const int before = error_memory_limit();
+  if (void* mem = dlrealloc(block, size)) return mem;
+  return RetryAfterRefusal(before, [block, size] { return dlrealloc(block, size); });
+}
+
+void* ThreadCacheMemalign(std::size_t alignment, std::size_t size) {
+  if (alignment <= heap::kAlign) return ThreadCacheMalloc(size);
+  const int before = error_memory_limit();
+  if (void* mem = dlmemalign(alignment, size)) return mem;
+  return RetryAfterRefusal(before, [alignment, size] { return dlmemalign(alignment, size); });
+}
+
+// ---------------------------------------------------------------- flushes
+
+std::size_t FlushAllThreadCaches() {
+  g_registryLock.Acquire();
+  const std::size_t total = FlushAllHeld();
+  g_registryLock.Release();
+  return total;
+}
+
+void ThreadCacheFlushAllForFork() {
+  g_registryLock.Acquire();
+  FlushAllHeld();
+}
+
+void ThreadCacheResumeInParent() { g_registryLock.Release(); }
+
+void ThreadCacheResetInChild() {
+  g_registryLock.Reset();
+  ThreadCache* mine = t_cache;
+  ThreadCache* c = g_registry;
+  g_registry = nullptr;
+  g_threadCaches.store(0, std::memory_order_relaxed);
+  while (c != nullptr) {
+    ThreadCache* next = c->next;
+    // A cache caught in the middle of its owner's operation is left as it is.
+    if (c != mine && !c->lock.Held()) ReturnCacheAndRecord(c);
+    c = next;
+  }
+  if (mine != nullptr) {
+    mine->lock.Reset();
+    mine->next = mine->prev = nullptr;
+    LinkHeld(mine);
+  }
+}
+
+ThreadCacheView CurrentThreadCacheView() {
+  ThreadCacheView view{};
+  view.withinClassCaps = true;
+  g_registryLock.Acquire();
+  view.liveCaches = g_threadCaches.load(std::memory_order_relaxed);
+  for (ThreadCache* o = g_registry; o != nullptr; o = o->next) {
+    o->lock.Acquire();
+    view.processBytes += o->bytes;
+    o->lock.Release();
+  }
+  g_registryLock.Release();
+  ThreadCache* c = t_cache;
+  if (c == nullptr) return view;
+  OwnerHold hold(c);
+  view.registered = true;
+  view.bytes = c->bytes;
+  for (unsigned cls = 0; cls < kCacheClasses; ++cls) {
+    view.chunks += c->counts[cls];
+    if (c->counts[cls] > kCaps.cap[cls]) view.withinClassCaps = false;
+  }
+  return view;
+}
+
+}  // namespace mem_internal
+}  // namespace zmx
