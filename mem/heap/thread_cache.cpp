@@ -9,14 +9,19 @@
 // past its byte bound) in one batch: one heap lock per batch, not per call.
 //
 // Reaching another thread's cache (statistics, trim, a refusal by the memory
-// limit, fork, the thread's exit): every cache has a one-word lock. Its owner
-// holds it only around the few instructions that touch its lists, never with
-// the heap lock, and skips it while the process has a single thread (no other
-// thread can exist then to look). Whoever empties other caches holds the
-// registry lock, takes each cache's lock just to detach its lists, and returns
-// the chunks under the heap lock afterwards. So the locks are always taken in
-// the order registry, cache, heap, and no cache lock is ever held while
-// waiting for the heap.
+// limit, fork, the thread's exit) follows one protocol. The owner marks its
+// cache busy around the few instructions that touch its lists (never around a
+// heap call) and looks for a request to stop first; it orders these plain
+// stores and loads only against the compiler. Whoever empties a cache holds
+// the registry lock, raises the cache's stop request, runs the process-wide
+// barrier (after which either the owner's busy mark is visible or the owner's
+// next look sees the request), waits until the cache is not busy, detaches
+// its lists, drops the request, and returns the chunks under the heap lock.
+// An owner that sees a request waits until it is dropped. Where the system
+// has no such barrier, the owner takes a one-word lock instead, which the
+// one who empties takes as well. While the process has a single thread the
+// owner does neither: no other thread exists to look. Locks are taken in the
+// order registry, cache, heap; no cache is held while waiting for the heap.
 #include "mem/heap/internal/thread_cache.h"
 
 #include <cstring>
@@ -86,6 +91,8 @@ class WordLock {
 };
 
 struct ThreadCache {
+  std::atomic<std::uint32_t> busy{0};      // set by the owner around list work
+  std::atomic<std::uint32_t> stopAsked{0};  // set by whoever empties the cache
   Chunk* heads[kCacheClasses] = {};  // linked through fd
   std::uint8_t counts[kCacheClasses] = {};
   std::size_t bytes = 0;
@@ -107,22 +114,88 @@ WordLock g_registryLock;
 ThreadCache* g_registry = nullptr;
 platform::ThreadExitKey g_exitKey = {0};
 int g_exitKeyState = 0;  // 0 not yet made, 1 made, -1 refused; under the registry lock
+// Decided at the first registration, before any cache exists (and again in a
+// forked child while it has one thread): owners mark busy instead of locking.
+bool g_barrierProtocol = false;
+bool g_barrierDecided = false;
 
-// The owner's hold on its cache; no lock while no other thread exists.
+// The owner saw a stop request: it steps aside until the request is dropped.
+ZMX_NOINLINE void WaitOutStop(ThreadCache* c) {
+  do {
+    c->busy.store(0, std::memory_order_release);
+    for (unsigned spins = 0; c->stopAsked.load(std::memory_order_acquire) != 0; ++spins) {
+      if (spins < 100)
+        platform::CpuRelax();
+      else
+        platform::YieldThread();
+    }
+    c->busy.store(1, std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  } while (c->stopAsked.load(std::memory_order_acquire) != 0);
+}
+
+// The owner's hold on its cache around list work.
 class OwnerHold {
  public:
-  explicit OwnerHold(ThreadCache* c) : c_(c), locked_(!platform::ProcessIsSingleThreaded()) {
-    if (locked_) c_->lock.Acquire();
+  explicit OwnerHold(ThreadCache* c) : c_(c), mode_(kAlone) {
+    if (platform::ProcessIsSingleThreaded()) return;
+    if (g_barrierProtocol) {
+      mode_ = kBusy;
+      c_->busy.store(1, std::memory_order_relaxed);
+      std::atomic_signal_fence(std::memory_order_seq_cst);
+      if (ZMX_UNLIKELY(c_->stopAsked.load(std::memory_order_acquire) != 0)) WaitOutStop(c_);
+    } else {
+      mode_ = kLocked;
+      c_->lock.Acquire();
+    }
   }
   ~OwnerHold() {
-    if (locked_) c_->lock.Release();
+    if (mode_ == kBusy) {
+      std::atomic_signal_fence(std::memory_order_seq_cst);
+      c_->busy.store(0, std::memory_order_release);
+    } else if (mode_ == kLocked) {
+      c_->lock.Release();
+    }
   }
   OwnerHold(const OwnerHold&) = delete;
   OwnerHold& operator=(const OwnerHold&) = delete;
 
  private:
+  enum Mode { kAlone, kBusy, kLocked };
   ThreadCache* c_;
-  bool locked_;
+  Mode mode_;
+};
+
+// Another thread's hold on a cache (the registry lock held): its owner is
+// outside its list work and stays out until the hold ends.
+class StopHold {
+ public:
+  explicit StopHold(ThreadCache* c) : c_(c) {
+    if (!g_barrierProtocol) {
+      c_->lock.Acquire();
+      return;
+    }
+    c_->stopAsked.store(1, std::memory_order_seq_cst);
+    if (!platform::ProcessBarrier()) CrashNoBarrier();
+    for (unsigned spins = 0; c_->busy.load(std::memory_order_acquire) != 0; ++spins) {
+      if (spins < 100)
+        platform::CpuRelax();
+      else
+        platform::YieldThread();
+    }
+  }
+  ~StopHold() {
+    if (g_barrierProtocol)
+      c_->stopAsked.store(0, std::memory_order_release);
+    else
+      c_->lock.Release();
+  }
+  StopHold(const StopHold&) = delete;
+  StopHold& operator=(const StopHold&) = delete;
+
+ private:
+  [[noreturn]] static void CrashNoBarrier() { heap::CorruptionDetected("the process-wide barrier failed"); }
+  ThreadCache* c_;
 };
 
 // ---- lists (the caller holds the cache) ----
@@ -206,6 +279,10 @@ ZMX_NOINLINE ThreadCache* Register() {
   if (memory == nullptr) return nullptr;
   ThreadCache* c = new (memory) ThreadCache();
   g_registryLock.Acquire();
+  if (!g_barrierDecided) {
+    g_barrierDecided = true;
+    g_barrierProtocol = platform::EnableProcessBarrier();
+  }
   const bool keyMade = EnsureExitKeyHeld();
   if (keyMade) LinkHeld(c);
   g_registryLock.Release();
@@ -245,9 +322,11 @@ std::size_t FlushAllHeld() {
   std::size_t total = 0;
   for (ThreadCache* c = g_registry; c != nullptr; c = c->next) {
     Chunk* chains[kCacheClasses];
-    c->lock.Acquire();
-    const std::size_t bytes = DetachAll(c, chains);
-    c->lock.Release();
+    std::size_t bytes;
+    {
+      StopHold hold(c);
+      bytes = DetachAll(c, chains);
+    }
     if (bytes != 0) ReturnChains(chains);
     total += bytes;
   }
@@ -391,8 +470,9 @@ void ThreadCacheFree(void* block) {
   const std::size_t head = p->head;
   if (ZMX_UNLIKELY(IsMarked(p))) heap::CorruptionDetected("free of a block that is not in use");
   const std::size_t size = head & ~heap::kFlagBits;
-  // An in-use chunk of a segment, of a cached size, whose neighbour agrees;
-  // anything else is the heap's to judge.
+  // An in-use chunk of a segment, of a cached size; anything else is the
+  // heap's to judge. (The neighbour's header is left alone: it is usually on
+  // another cache line, and the heap checks it when the chunk goes back.)
   if (ZMX_LIKELY((head & heap::kCinuse) != 0 && size - kMinChunk <= kCachedChunkMax - kMinChunk &&
                  (size & heap::kAlignMask) == 0)) {
     ThreadCache* c = t_cache;
@@ -400,7 +480,6 @@ void ThreadCacheFree(void* block) {
     // Outside the range this thread knows: the heap judges the block, and the
     // range is brought up to date for the next free.
     if (ZMX_UNLIKELY(reinterpret_cast<std::uintptr_t>(p) - c->least >= c->span)) return FreeRefreshingRange(c, block);
-    if (ZMX_UNLIKELY(!heap::Pinuse(heap::ChunkAt(p, size)))) return dlfree(block);
     const unsigned cls = ClassOf(size);
     {
       OwnerHold hold(c);
@@ -464,6 +543,8 @@ void ThreadCacheResumeInParent() { g_registryLock.Release(); }
 
 void ThreadCacheResetInChild() {
   g_registryLock.Reset();
+  // One thread now: the protocol may change before a second thread exists.
+  if (g_barrierProtocol) g_barrierProtocol = platform::EnableProcessBarrier();
   ThreadCache* mine = t_cache;
   ThreadCache* c = g_registry;
   g_registry = nullptr;
@@ -471,11 +552,12 @@ void ThreadCacheResetInChild() {
   while (c != nullptr) {
     ThreadCache* next = c->next;
     // A cache caught in the middle of its owner's operation is left as it is.
-    if (c != mine && !c->lock.Held()) ReturnCacheAndRecord(c);
+    if (c != mine && !c->lock.Held() && c->busy.load(std::memory_order_relaxed) == 0) ReturnCacheAndRecord(c);
     c = next;
   }
   if (mine != nullptr) {
     mine->lock.Reset();
+    mine->stopAsked.store(0, std::memory_order_relaxed);
     mine->next = mine->prev = nullptr;
     LinkHeld(mine);
   }
@@ -484,23 +566,21 @@ void ThreadCacheResetInChild() {
 ThreadCacheView CurrentThreadCacheView() {
   ThreadCacheView view{};
   view.withinClassCaps = true;
+  ThreadCache* mine = t_cache;
   g_registryLock.Acquire();
   view.liveCaches = g_threadCaches.load(std::memory_order_relaxed);
-  for (ThreadCache* o = g_registry; o != nullptr; o = o->next) {
-    o->lock.Acquire();
-    view.processBytes += o->bytes;
-    o->lock.Release();
+  for (ThreadCache* c = g_registry; c != nullptr; c = c->next) {
+    StopHold hold(c);
+    view.processBytes += c->bytes;
+    if (c != mine) continue;
+    view.registered = true;
+    view.bytes = c->bytes;
+    for (unsigned cls = 0; cls < kCacheClasses; ++cls) {
+      view.chunks += c->counts[cls];
+      if (c->counts[cls] > kCaps.cap[cls]) view.withinClassCaps = false;
+    }
   }
   g_registryLock.Release();
-  ThreadCache* c = t_cache;
-  if (c == nullptr) return view;
-  OwnerHold hold(c);
-  view.registered = true;
-  view.bytes = c->bytes;
-  for (unsigned cls = 0; cls < kCacheClasses; ++cls) {
-    view.chunks += c->counts[cls];
-    if (c->counts[cls] > kCaps.cap[cls]) view.withinClassCaps = false;
-  }
   return view;
 }
 

@@ -10,6 +10,7 @@
 #include <new>
 
 #include <fcntl.h>
+#include <linux/membarrier.h>
 #include <limits.h>
 #include <pthread.h>
 #include <sched.h>
@@ -104,6 +105,14 @@ void DetachThread(Thread* thread) {
 }
 
 void YieldThread() { sched_yield(); }
+
+// ---- process-wide barrier ----
+
+bool EnableProcessBarrier() {
+  return syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+}
+
+bool ProcessBarrier() { return syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0; }
 
 // ---- thread exit ----
 
