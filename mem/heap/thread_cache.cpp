@@ -342,6 +342,26 @@ bool HeldSpaceServes(std::size_t nb) {
          (heap::IsSmall(nb) && (h.smallMap >> heap::SmallIndex(nb)) != 0);
 }
 
+// Cuts n chunks of nb bytes off the front of the top chunk (which keeps at
+// least a minimum chunk), marked as cached and linked; the caller holds the heap.
+Chunk* CarveFromTop(std::size_t nb, unsigned n, Chunk*& tail) {
+  heap::Heap& h = g_heap;
+  Chunk* chain = nullptr;
+  Chunk* p = h.top;
+  tail = p;
+  for (unsigned i = 0; i < n; ++i) {
+    heap::SetSizeAndPinuseOfInuseChunk(p, nb);
+    p->bk = Mark(p);
+    p->fd = chain;
+    chain = p;
+    p = heap::ChunkAt(p, nb);
+  }
+  h.topSize -= n * nb;
+  h.top = p;
+  p->head = h.topSize | heap::kPinuse;
+  return chain;
+}
+
 // A request just refused by the memory limit is tried once more after every
 // cache went back; the status then reads as the retried request alone leaves it.
 template <typename Attempt>
@@ -385,6 +405,10 @@ ZMX_NOINLINE void* RefillAndTake(std::size_t nb, std::size_t size) {
     mem = g_heap.Malloc(size);
     c->least = reinterpret_cast<std::uintptr_t>(g_heap.leastAddr);
     c->span = g_heap.addrSpan;
+    if (mem != nullptr && want != 0 && g_heap.topSize >= want * nb + kMinChunk) {
+      chain = CarveFromTop(nb, want, tail);
+      got = want;
+    }
     while (mem != nullptr && got < want && HeldSpaceServes(nb)) {
       void* extra = g_heap.Malloc(nb - kChunkOverhead);
       if (extra == nullptr) break;
