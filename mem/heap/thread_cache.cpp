@@ -49,6 +49,7 @@ using heap::kMinChunk;
 using heap::ToMem;
 
 constexpr std::size_t kMaxCachedRequest = kCachedChunkMax - kChunkOverhead;
+constexpr unsigned kFirstRefill = 2;
 
 constexpr unsigned ClassOf(std::size_t chunkSize) { return static_cast<unsigned>(chunkSize >> 4) - 2; }
 constexpr std::size_t ClassSize(unsigned cls) { return (std::size_t(cls) + 2) << 4; }
@@ -95,6 +96,10 @@ struct ThreadCache {
   std::atomic<std::uint32_t> stopAsked{0};  // set by whoever empties the cache
   Chunk* heads[kCacheClasses] = {};  // linked through fd
   std::uint8_t counts[kCacheClasses] = {};
+  // Chunks the next refill of each class takes: it starts small and doubles
+  // with every refill up to half the class's cap, so that classes seldom used
+  // do not fill the thread's bound.
+  std::uint8_t refill[kCacheClasses] = {};
   std::size_t bytes = 0;
   // The heap's address range as of this thread's last refill (it only ever
   // widens): frees check against it without touching the heap's own lines.
@@ -380,8 +385,46 @@ void* HeapMalloc(std::size_t size) {
   return RetryAfterRefusal(before, [size] { return dlmalloc(size); });
 }
 
-// Serves the request from the heap and, while held space allows it without a
-// system request, takes up to half a class's cap more of the same size.
+// Chunks taken for the cache beside a request: a chain from last to first.
+struct Batch {
+  Chunk* chain = nullptr;
+  Chunk* tail = nullptr;
+  unsigned count = 0;
+};
+
+// Under the heap lock: serves the request, then takes up to `want` chunks of
+// nb bytes while held space allows it without a system request.
+void* MallocWithBatch(ThreadCache* c, std::size_t size, std::size_t nb, unsigned want, Batch& b) {
+  heap::EnsureSetUp();
+  HeapLockGuard guard(g_heap);
+  void* mem = g_heap.Malloc(size);
+  c->least = reinterpret_cast<std::uintptr_t>(g_heap.leastAddr);
+  c->span = g_heap.addrSpan;
+  if (mem == nullptr || want == 0) return mem;
+  if (g_heap.topSize >= want * nb + kMinChunk) {
+    b.chain = CarveFromTop(nb, want, b.tail);
+    b.count = want;
+  }
+  while (b.count < want && HeldSpaceServes(nb)) {
+    void* extra = g_heap.Malloc(nb - kChunkOverhead);
+    if (extra == nullptr) break;
+    Chunk* q = FromMem(extra);
+    if (ChunkSize(q) != nb) {  // a slightly larger chunk: not for this class
+      g_heap.Free(extra);
+      break;
+    }
+    q->bk = Mark(q);
+    q->fd = b.chain;
+    b.chain = q;
+    if (b.tail == nullptr) b.tail = q;
+    ++b.count;
+  }
+  ZMX_HEAP_DEBUG_CHECK(g_heap);
+  return mem;
+}
+
+// Serves the request from the heap and refills its class (within the thread's
+// bound) in the same lock.
 ZMX_NOINLINE void* RefillAndTake(std::size_t nb, std::size_t size) {
   ThreadCache* c = t_cache;
   if (c == nullptr && (c = Register()) == nullptr) return HeapMalloc(size);
@@ -391,47 +434,21 @@ ZMX_NOINLINE void* RefillAndTake(std::size_t nb, std::size_t size) {
     OwnerHold hold(c);
     const std::size_t room = c->bytes < kCacheThreadBytes ? (kCacheThreadBytes - c->bytes) / nb : 0;
     const unsigned half = kCaps.cap[cls] / 2u;
-    want = c->counts[cls] >= half ? 0u : half - c->counts[cls];
+    const unsigned step = c->refill[cls] != 0 ? c->refill[cls] : kFirstRefill;
+    c->refill[cls] = static_cast<std::uint8_t>(2 * step < half ? 2 * step : half);
+    want = c->counts[cls] >= step ? 0u : step - c->counts[cls];
     if (room < want) want = static_cast<unsigned>(room);
   }
   const int before = error_memory_limit();
-  Chunk* chain = nullptr;
-  Chunk* tail = nullptr;
-  unsigned got = 0;
-  void* mem;
-  {
-    heap::EnsureSetUp();
-    HeapLockGuard guard(g_heap);
-    mem = g_heap.Malloc(size);
-    c->least = reinterpret_cast<std::uintptr_t>(g_heap.leastAddr);
-    c->span = g_heap.addrSpan;
-    if (mem != nullptr && want != 0 && g_heap.topSize >= want * nb + kMinChunk) {
-      chain = CarveFromTop(nb, want, tail);
-      got = want;
-    }
-    while (mem != nullptr && got < want && HeldSpaceServes(nb)) {
-      void* extra = g_heap.Malloc(nb - kChunkOverhead);
-      if (extra == nullptr) break;
-      Chunk* q = FromMem(extra);
-      if (ChunkSize(q) != nb) {  // a slightly larger chunk: not for this class
-        g_heap.Free(extra);
-        break;
-      }
-      q->bk = Mark(q);
-      q->fd = chain;
-      chain = q;
-      if (tail == nullptr) tail = q;
-      ++got;
-    }
-    ZMX_HEAP_DEBUG_CHECK(g_heap);
-  }
+  Batch b;
+  void* mem = MallocWithBatch(c, size, nb, want, b);
   if (mem == nullptr) return RetryAfterRefusal(before, [size] { return dlmalloc(size); });
-  if (chain != nullptr) {
+  if (b.count != 0) {
     OwnerHold hold(c);
-    tail->fd = c->heads[cls];
-    c->heads[cls] = chain;
-    c->counts[cls] = static_cast<std::uint8_t>(c->counts[cls] + got);
-    c->bytes += got * nb;
+    b.tail->fd = c->heads[cls];
+    c->heads[cls] = b.chain;
+    c->counts[cls] = static_cast<std::uint8_t>(c->counts[cls] + b.count);
+    c->bytes += b.count * nb;
   }
   return mem;
 }
