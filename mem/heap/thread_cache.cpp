@@ -4,9 +4,10 @@
 // A cached chunk stays in use from the heap's view; its head is never written
 // here (the heap may flip its previous-in-use bit at any time under its lock).
 // Its second word holds a mark derived from its address, so that a second free
-// of a cached block is caught; the mark is wiped when the chunk leaves. Each thread refills a
-// size class in one batch and gives back half a class (or half of everything,
-// past its byte bound) in one batch: one heap lock per batch, not per call.
+// of a cached block is caught; the mark is wiped when the chunk leaves. Each
+// thread refills a size class in one batch (cut off the top chunk in one step
+// where it can) and gives back half a class, or half of everything past its
+// byte bound, in one batch: one heap lock per batch, not per call.
 //
 // Reaching another thread's cache (statistics, trim, a refusal by the memory
 // limit, fork, the thread's exit) follows one protocol. The owner marks its
