@@ -58,6 +58,12 @@ void* BootstrapMemalign(std::size_t alignment, std::size_t size) {
 // No block can be live before the choice: a block asked about is someone else's.
 std::size_t BootstrapUsableSize(const void*) { return 0; }
 
+// Present with a value that does not begin with "0".
+bool ThreadCacheWanted() {
+  const char* value = std::getenv("ZMX_HEAP_THREAD_CACHE");
+  return value != nullptr && value[0] != '0';
+}
+
 }  // namespace
 
 AllocTable g_table = {
@@ -79,7 +85,7 @@ void ChooseAllocator() {
     useGeneral = false;
     filling = &kGuardedHeapTable;
   } else {
-    filling = useGeneral ? &kGeneralHeapTable : &kRuntimeHeapTable;
+    filling = useGeneral ? (ThreadCacheWanted() ? &kGeneralHeapCachedTable : &kGeneralHeapTable) : &kRuntimeHeapTable;
   }
   g_switches.useGeneralHeap = useGeneral;
   g_table = *filling;  // all slots at once

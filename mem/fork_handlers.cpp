@@ -2,6 +2,8 @@
 // in the fixed order that mem/internal/fork_handlers.h gives.
 #include "mem/internal/fork_handlers.h"
 
+#include "mem/heap/internal/thread_cache.h"
+
 #include <atomic>
 
 #include "platform/threads.h"
@@ -15,6 +17,7 @@ std::atomic<bool> g_registered{false};
 
 void Prepare() {
   LockTrackerForFork();
+  ThreadCacheFlushAllForFork();
   LockSmallObjectsForFork();
   LockGeneralHeapForFork();
 }
@@ -22,11 +25,13 @@ void Prepare() {
 void InParent() {
   UnlockGeneralHeapAfterFork();
   UnlockSmallObjectsAfterFork();
+  ThreadCacheResumeInParent();
   UnlockTrackerAfterFork();
 }
 
 void InChild() {
   ResetGeneralHeapInForkChild();
+  ThreadCacheResetInChild();
   ResetSmallObjectsInForkChild();
   ResetTrackerInForkChild();
 }

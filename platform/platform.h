@@ -53,6 +53,17 @@ ZMXUTI_INTERNAL_API void WaitEvent(Event* event);
 // thread can reach may then be skipped (inline, platform/<os>/threads_inline.h).
 inline bool ProcessIsSingleThreaded();
 
+// ---- process-wide barrier ----
+// Pairs a thread that rarely inspects other threads' variables with threads
+// that order their own accesses only against the compiler
+// (std::atomic_signal_fence): once ProcessBarrier() returns, every store that
+// another running thread made before the barrier is visible here, and every
+// load it makes afterwards sees this thread's stores from before the call.
+// EnableProcessBarrier registers the process (again in a forked child); both
+// return false when the system offers no such barrier.
+bool EnableProcessBarrier();
+bool ProcessBarrier();
+
 // ---- files ----
 // Files written from inside an allocation call: plain descriptors, no stream
 // buffers, so that writing never allocates.

@@ -29,6 +29,20 @@ void DetachThread(Thread* thread);
 // Lets other threads run for a moment.
 void YieldThread();
 
+// ---- thread exit ----
+// A hook that runs on a thread as it ends (never for the process's main
+// thread when the process exits), after the thread's own code has returned.
+using ThreadExitHook = void (*)(void* argument);
+struct ThreadExitKey {
+  unsigned value;
+};
+// Creates a key whose hook is `hook`; false when the system has no key left.
+// Keys are never deleted: create one per process.
+bool CreateThreadExitKey(ThreadExitHook hook, ThreadExitKey* key);
+// Arms `key` for the calling thread: `hook(argument)` runs when this thread
+// ends. A null argument disarms it. Never allocates from the library's heap.
+bool ArmThreadExit(ThreadExitKey key, void* argument);
+
 // ---- thread message queues ----
 struct ThreadMessage {
   std::uint32_t message;

@@ -6,6 +6,7 @@
 
 #include "mem/heap/internal/general_heap_check.h"
 #include "mem/heap/internal/general_heap_state.h"
+#include "mem/heap/internal/thread_cache.h"
 
 namespace zmx {
 namespace mem_internal {
@@ -208,6 +209,7 @@ void DebugAfterOperation(Heap& h) {
 }  // namespace heap
 
 HeapWalkReport CheckGeneralHeap() {
+  FlushThreadCachesBeforeQuery();
   heap::EnsureSetUp();
   heap::HeapLockGuard guard(heap::g_heap);
   return heap::WalkHeap(heap::g_heap);

@@ -7,6 +7,7 @@
 #include "mem/heap/internal/general_heap_check.h"
 #include "mem/heap/internal/general_heap_state.h"
 #include "mem/internal/fork_handlers.h"
+#include "mem/heap/internal/thread_cache.h"
 #include "platform/platform.h"
 
 namespace zmx {
@@ -144,6 +145,7 @@ int dlmallopt(int parameter, int value) {
 }
 
 int dlmalloc_trim(std::size_t pad) {
+  zmx::mem_internal::FlushThreadCachesBeforeQuery();
   EnsureSetUp();
   HeapLockGuard guard(g_heap);
   return g_heap.Trim(pad);
@@ -154,9 +156,13 @@ std::size_t dlmalloc_max_footprint() { return g_heap.maxFootprint; }
 std::size_t dlmalloc_memory_limit() { return g_params.memoryLimit; }
 int error_memory_limit() { return g_limitStatus; }
 
-std::size_t dlfragmentationinfo() { return internal_dlfragmentationinfo(g_heap); }
+std::size_t dlfragmentationinfo() {
+  zmx::mem_internal::FlushThreadCachesBeforeQuery();
+  return internal_dlfragmentationinfo(g_heap);
+}
 
 dl_mallinfo dlmallinfo() {
+  zmx::mem_internal::FlushThreadCachesBeforeQuery();
   EnsureSetUp();
   HeapLockGuard guard(g_heap);
   dl_mallinfo info{};

@@ -36,6 +36,8 @@ struct AllocTable {
 // The fillings. Each lives with its heap; a heap that is not built yet fills
 // its slots from the runtime heap.
 extern const AllocTable kGeneralHeapTable;
+// The general heap behind a per-thread cache of small chunks (ZMX_HEAP_THREAD_CACHE).
+extern const AllocTable kGeneralHeapCachedTable;
 extern const AllocTable kRuntimeHeapTable;
 extern const AllocTable kGuardedHeapTable;
 

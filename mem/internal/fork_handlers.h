@@ -6,10 +6,12 @@
 // Each component contributes one step per phase. The prepare steps run in the
 // order the locks nest at run time (the tracker allocates while holding its
 // locks, the small-object allocator takes pages from the heap under its lock):
-//   tracker, small-object allocator, general heap.
-// The parent steps run in reverse; the child steps in any order. A component
-// added later (a per-thread cache, say) adds its own three steps here and in
-// mem/fork_handlers.cpp.
+//   tracker, the heap's per-thread caches (every cache goes back to the heap;
+//   their registry stays locked), small-object allocator, general heap.
+// The parent steps run in reverse. In the child the general heap comes first
+// and the caches right after it (giving back the dead threads' caches takes the
+// heap lock); the others in any order. The caches' steps live with them, in
+// mem/heap/internal/thread_cache.h.
 #ifndef ZMXUTI_MEM_INTERNAL_FORK_HANDLERS_H
 #define ZMXUTI_MEM_INTERNAL_FORK_HANDLERS_H
 

@@ -1,8 +1,10 @@
 // The labelled allocators: over the front door (mem_Allocator) and straight
 // over the general heap (mem_DLAllocator). A failed request makes the bound
-// cache manager purge, and is then tried exactly once more.
+// cache manager purge, and is then tried exactly once more. The heap's own
+// per-thread caches, when switched on, go back before anything is purged.
 #include "mem/allocation.h"
 #include "mem/heap/general_heap.h"
+#include "mem/heap/internal/thread_cache.h"
 #include "mem/pools/cache_manager.h"
 
 mem_Allocator::~mem_Allocator() = default;
@@ -37,17 +39,21 @@ mem_Allocator* mem_Allocator::Clone() { return new mem_Allocator(*this); }
 
 mem_DLAllocator::~mem_DLAllocator() = default;
 
+using zmx::mem_internal::HeapMallocReturningCaches;
+using zmx::mem_internal::HeapMemalignReturningCaches;
+using zmx::mem_internal::HeapReallocReturningCaches;
+
 void* mem_DLAllocator::Malloc(const char*, std::size_t size) {
-  if (void* block = dlmalloc(size)) return block;
+  if (void* block = HeapMallocReturningCaches(size)) return block;
   PurgeFor(size);
-  return dlmalloc(size);
+  return HeapMallocReturningCaches(size);
 }
 
 void* mem_DLAllocator::Realloc(const char*, void* block, std::size_t size) {
-  void* moved = dlrealloc(block, size);
+  void* moved = HeapReallocReturningCaches(block, size);
   if (moved != nullptr || size == 0) return moved;
   PurgeFor(size);
-  return dlrealloc(block, size);
+  return HeapReallocReturningCaches(block, size);
 }
 
 void mem_DLAllocator::Free(const char*, void* block) { dlfree(block); }
@@ -55,9 +61,9 @@ void mem_DLAllocator::Free(const char*, void* block) { dlfree(block); }
 mem_Allocator* mem_DLAllocator::Clone() { return new mem_DLAllocator(*this); }
 
 void* mem_DLAllocator::AlignedAlloc(const char*, std::size_t alignment, std::size_t size) {
-  if (void* block = dlmemalign(alignment, size)) return block;
+  if (void* block = HeapMemalignReturningCaches(alignment, size)) return block;
   PurgeFor(size);
-  return dlmemalign(alignment, size);
+  return HeapMemalignReturningCaches(alignment, size);
 }
 
 void* mem_DLAllocator::operator new(std::size_t size) { return mem_OperatorNewTinyThrow(size); }

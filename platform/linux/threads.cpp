@@ -9,6 +9,7 @@
 #include <new>
 
 #include <fcntl.h>
+#include <linux/membarrier.h>
 #include <limits.h>
 #include <pthread.h>
 #include <sched.h>
@@ -104,6 +105,27 @@ void DetachThread(Thread* thread) {
 }
 
 void YieldThread() { sched_yield(); }
+
+// ---- process-wide barrier ----
+
+bool EnableProcessBarrier() {
+  return syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+}
+
+bool ProcessBarrier() { return syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0; }
+
+// ---- thread exit ----
+
+bool CreateThreadExitKey(ThreadExitHook hook, ThreadExitKey* key) {
+  pthread_key_t k;
+  if (pthread_key_create(&k, hook) != 0) return false;
+  key->value = static_cast<unsigned>(k);
+  return true;
+}
+
+bool ArmThreadExit(ThreadExitKey key, void* argument) {
+  return pthread_setspecific(static_cast<pthread_key_t>(key.value), argument) == 0;
+}
 
 // ---- thread message queues ----
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <string>
 
 #include "support/child_process.h"
@@ -15,8 +16,16 @@ using zmx_test::Describe;
 using zmx_test::ExitedCleanly;
 using zmx_test::RunProbe;
 
+// The children run under the same heap configuration as this program (the
+// per-thread cache on or off).
+zmx_test::EnvVars HeapConfiguration() {
+  const char* cache = std::getenv("ZMX_HEAP_THREAD_CACHE");
+  if (cache == nullptr) return {};
+  return {{"ZMX_HEAP_THREAD_CACHE", cache}};
+}
+
 std::string Scenario(const std::string& name) {
-  const auto result = RunProbe("heap_probe", name);
+  const auto result = RunProbe("heap_probe", name, HeapConfiguration());
   EXPECT_TRUE(ExitedCleanly(result));
   return result.out;
 }
@@ -118,6 +127,7 @@ TEST(HeapCorruption, MisuseAbortsWithTheHeapMessage) {
     std::string message;
   } cases[] = {
       {"double_free", notInUse},
+      {"double_mem_free", notInUse},
       {"free_stack_pointer", notInUse},
       {"free_zeroed_static", notInUse},
       {"free_runtime_block", notInUse},
@@ -127,7 +137,7 @@ TEST(HeapCorruption, MisuseAbortsWithTheHeapMessage) {
       {"underwrite_realloc", "ERROR: general heap corrupted (chunk after a reallocated block is damaged)\n"},
   };
   for (const auto& c : cases) {
-    const auto result = RunProbe("heap_probe", c.scenario);
+    const auto result = RunProbe("heap_probe", c.scenario, HeapConfiguration());
     EXPECT_EQ(result.signal, SIGABRT) << c.scenario << ": " << Describe(result);
     EXPECT_EQ(result.err, c.message) << c.scenario;
     EXPECT_EQ(result.out.find("survived"), std::string::npos) << c.scenario;

@@ -1,20 +1,26 @@
 // Fresh-process scenarios for the general heap: the memory limit and its lag,
 // the limit seen through the front door (null, bad_alloc, new-handler retry),
-// the first fragmentation query, the abort on a damaged heap, and the heap's
-// lock coming back once a second thread exists.
+// the first fragmentation query, the abort on a damaged heap, the heap's lock
+// coming back once a second thread exists, and the per-thread cache's choice,
+// its return on a refusal and on trim.
 // Prints one "name value" line per observation.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sys/single_threaded.h>
 
+#include <atomic>
 #include <new>
 #include <random>
 #include <thread>
 #include <vector>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "ZMXUTI_CoreUtils.h"
 #include "mem/heap/internal/general_heap_check.h"
+#include "mem/heap/internal/thread_cache.h"
 #include "probes/probe_main.h"
 
 namespace {
@@ -330,7 +336,115 @@ void LockAfterSecondThread() {
   Show("consistent", zmx::mem_internal::CheckGeneralHeap().consistent);
 }
 
+// A second mem_Free of a block (kept apart from its neighbours).
+void DoubleMemFree() {
+  Up();
+  void* keep = mem_Malloc(200);
+  void* p = mem_Malloc(200);
+  void* keep2 = mem_Malloc(200);
+  mem_Free(p);
+  std::fflush(stdout);
+  mem_Free(p);
+  Show("survived", keep != nullptr && keep2 != nullptr);
+}
+
+std::size_t CachedBytes() { return zmx::mem_internal::CurrentThreadCacheView().bytes; }
+
+void CacheChoice() {
+  Up();
+  mem_Free(mem_Malloc(64));
+  Show("cache", zmx::mem_internal::CurrentThreadCacheView().registered);
+}
+
+// Four blocks in each of twelve cached size classes, carved side by side
+// from a top chunk made large first.
+std::vector<void*> CacheableRun() {
+  dlfree(dlmalloc(200000));
+  std::vector<void*> blocks;
+  for (int cls = 0; cls < 12; ++cls)
+    for (int i = 0; i < 4; ++i) blocks.push_back(mem_Malloc(static_cast<std::size_t>(1000 - 16 * cls)));
+  return blocks;
+}
+
+// Every byte the heap holds is in use or cached, and the limit allows no more
+// system memory: a request of a size class the cache does not hold.
+void CacheLimit() {
+  Up();
+  const std::vector<void*> blocks = CacheableRun();
+  std::vector<void*> fillers;
+  fillers.reserve(1 << 20);  // the vector must not grow once the limit is in force
+  SetLimitInForce(dlmalloc_footprint() + 1);
+  for (std::size_t size : {std::size_t(4000), std::size_t(8)})
+    while (void* p = dlmalloc(size)) fillers.push_back(p);
+  for (void* p : blocks) mem_Free(p);
+  Show("cached", CachedBytes() >= 30000);
+  void* p = mem_Malloc(500);
+  Show("served_after_return", p != nullptr);
+  Show("status", mem_ErrorMemoryLimit());
+  Show("cache_emptied", CachedBytes() == 0);
+  mem_Free(p);
+  for (void* f : fillers) dlfree(f);
+}
+
+// Cached chunks next to the top come back before the trim, which then releases them.
+void CacheTrim() {
+  Up();
+  dlmallopt(-2, static_cast<int>(sysconf(_SC_PAGESIZE)));  // trim in pages
+  const std::vector<void*> blocks = CacheableRun();
+  mem_Trim(0);
+  const std::size_t footprint = mem_Footprint();
+  for (void* p : blocks) mem_Free(p);
+  Show("cached", CachedBytes() >= 30000);
+  Show("trimmed", mem_Trim(0));
+  Show("footprint_dropped", mem_Footprint() < footprint);
+}
+
+// The fork steps of the cache: a second thread fills its cache after the
+// prepare step; the child takes that cache back and goes on alone.
+void CacheFork() {
+  Up();
+  std::atomic<int> phase{0};
+  auto await = [&phase](int value) {
+    while (phase.load() != value) std::this_thread::yield();
+  };
+  std::thread other([&phase, &await] {
+    std::vector<void*> blocks;
+    for (int i = 0; i < 64; ++i) blocks.push_back(mem_Malloc(100));
+    phase.store(1);
+    await(2);
+    for (void* p : blocks) mem_Free(p);
+    phase.store(3);
+    await(4);
+  });
+  mem_Free(mem_Malloc(100));
+  await(1);
+  phase.store(2);
+  await(3);
+  std::fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {  // the fork handlers gave every cache back, then forgot the other thread's
+    const zmx::mem_internal::ThreadCacheView view = zmx::mem_internal::CurrentThreadCacheView();
+    Show("child_caches", view.liveCaches);
+    Show("child_holds_only_its_own", view.processBytes == view.bytes);
+    std::vector<void*> blocks;
+    for (int i = 0; i < 1000; ++i) blocks.push_back(mem_Malloc(static_cast<std::size_t>(16 + i % 900)));
+    for (void* p : blocks) mem_Free(p);
+    Show("child_heap_consistent", zmx::mem_internal::CheckGeneralHeap().consistent);
+    std::fflush(stdout);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  Show("child_exit", WIFEXITED(status) ? WEXITSTATUS(status) : 100);
+  phase.store(4);
+  other.join();
+  Show("parent_caches_after_join", zmx::mem_internal::CurrentThreadCacheView().liveCaches);
+}
+
 const zmx_probe::Scenario kScenarios[] = {
+    {"cache_fork", CacheFork},
+    {"double_mem_free", DoubleMemFree}, {"cache_choice", CacheChoice},
+    {"cache_limit", CacheLimit}, {"cache_trim", CacheTrim},
     {"limit_boundary", LimitBoundary}, {"limit_lag", LimitLag},
     {"limit_recovery", LimitRecovery}, {"front_door_limit", FrontDoorLimit},
     {"first_fragmentation", FirstFragmentation}, {"double_free", DoubleFree},
