@@ -20,8 +20,10 @@ std::size_t PageSize();
 std::size_t AllocationGranularity();
 // Reserves and commits `size` bytes read-write; `fromTop` asks for high addresses
 // and `near` for a place starting at that address (both hints only). Returns
-// null on failure. The memory reads as zero.
-void* MapMemory(std::size_t size, bool fromTop, const void* near = nullptr);
+// null on failure. The memory reads as zero. `prefault` asks for every page to
+// be backed at once, for memory about to be written from end to end: one
+// system call instead of a fault per page.
+void* MapMemory(std::size_t size, bool fromTop, const void* near = nullptr, bool prefault = false);
 // Gives back whole pages of ranges obtained from MapMemory: a whole range, its
 // front or its tail, or adjacent ranges together. True on success.
 bool UnmapMemory(void* address, std::size_t size);

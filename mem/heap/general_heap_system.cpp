@@ -83,10 +83,12 @@ bool Heap::GrowHeap(size_t nb) {
   if (!RequestAllowed(size)) return false;
   // New address space is asked for right behind the top chunk's segment, so
   // that it usually extends the top (and can be trimmed) instead of landing
-  // below the heap as a free chunk apart from it.
+  // below the heap as a free chunk apart from it. It is backed at once: the
+  // top is carved from its start onwards, and a fault per page costs far more
+  // than one system call that backs them all.
   const Segment* topSegment = top != nullptr ? SegmentHolding(top) : nullptr;
   char* base = static_cast<char*>(
-      MapOwnedMemory(size, false, topSegment != nullptr ? SegmentEnd(topSegment) : nullptr));
+      MapOwnedMemory(size, false, topSegment != nullptr ? SegmentEnd(topSegment) : nullptr, true));
   if (base == nullptr) return false;
   AddFootprint(size);
   NoteRun(base, size);

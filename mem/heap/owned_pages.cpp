@@ -88,8 +88,8 @@ bool ChangeRange(const void* address, std::size_t size, bool set) {
 
 }  // namespace
 
-void* MapOwnedMemory(std::size_t size, bool fromTop, const void* near) {
-  void* base = platform::MapMemory(size, fromTop, near);
+void* MapOwnedMemory(std::size_t size, bool fromTop, const void* near, bool prefault) {
+  void* base = platform::MapMemory(size, fromTop, near, prefault);
   if (base == nullptr || ChangeRange(base, size, true)) return base;
   ChangeRange(base, size, false);  // the part marked before the failure
   platform::UnmapMemory(base, size);

@@ -20,10 +20,10 @@ std::size_t AllocationGranularity() {
   return PageSize() > kUnit ? PageSize() : kUnit;
 }
 
-void* MapMemory(std::size_t size, bool /*fromTop*/, const void* near) {
+void* MapMemory(std::size_t size, bool /*fromTop*/, const void* near, bool prefault) {
   // Linux hands out mappings from the top of the address space downwards
   // already; a free range at `near` is taken when asked for.
-  void* p = mmap(const_cast<void*>(near), size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* p = mmap(const_cast<void*>(near), size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | (prefault ? MAP_POPULATE : 0), -1, 0);
   return p == MAP_FAILED ? nullptr : p;
 }
 

@@ -21,7 +21,7 @@ namespace heap {
 // system refuses, or when the map cannot record the range (its leaf could not
 // be obtained, or the range lies beyond the 47-bit space): the range is then
 // given back. Called under the heap lock.
-void* MapOwnedMemory(std::size_t size, bool fromTop, const void* near = nullptr);
+void* MapOwnedMemory(std::size_t size, bool fromTop, const void* near = nullptr, bool prefault = false);
 // Clears the range's marks, then platform::UnmapMemory; when the system
 // refuses, the marks are put back and false returned. Called under the heap lock.
 bool UnmapOwnedMemory(void* address, std::size_t size);
