@@ -365,7 +365,7 @@ const Contender kContenders[] = {
     {kGeneralHeap, Api::kMemMalloc, Setup::kDefault, nullptr, nullptr, false, true},
     {"zmx new/delete", Api::kNewDelete, Setup::kDefault, nullptr, nullptr, false, false},
     {kHeapNoLock, Api::kMemMalloc, Setup::kHeapLockOff, nullptr, nullptr, true, false},
-    {"general heap + thread cache", Api::kMemMalloc, Setup::kDefault, nullptr, "ZMX_HEAP_THREAD_CACHE=1", false,
+    {"zmx thread cache", Api::kMemMalloc, Setup::kDefault, nullptr, "ZMX_HEAP_THREAD_CACHE=1", false,
      false},
     {kSmallObjects, Api::kMemMalloc, Setup::kSmallObjects, nullptr, nullptr, true, true},
     {kSmallObjectsLocked, Api::kMemMalloc, Setup::kSmallObjectsLocked, nullptr, nullptr, false, true},
