@@ -2,7 +2,7 @@
 // Wall time of real programs that were never written for the library — a
 // coreutils pipeline (sort, uniq, awk), python3 building dicts, strings and
 // JSON on 8 threads, cmake configuring a small C project — run plainly on
-// glibc, under zmx_run (default and --small-objects), and with mimalloc and
+// glibc, under zmx_run (default, --small-objects, the heap's thread cache), and with mimalloc and
 // jemalloc in LD_PRELOAD. Best of N rounds (default 3); a contender whose
 // library is not installed is noted and skipped. Writes DIR/preload_bench.md
 // and DIR/preload_bench.svg (DIR defaults to the current directory).
@@ -138,6 +138,7 @@ std::vector<Contender> MakeContenders() {
       {kBaseline, {}, "", ""},
       {"zmx_run", {zmxRun, "--"}, "", ""},
       {"zmx_run --small-objects", {zmxRun, "--small-objects", "--"}, "", ""},
+      {"zmx_run, thread cache", {"env", "ZMX_HEAP_THREAD_CACHE=1", zmxRun, "--"}, "", ""},
       {"mimalloc", {}, mimalloc, mimalloc.empty() ? "libmimalloc.so not installed" : ""},
       {"jemalloc", {}, jemalloc, jemalloc.empty() ? "libjemalloc.so not installed" : ""},
   };

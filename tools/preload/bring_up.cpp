@@ -10,7 +10,6 @@
 //   ZMX_RUN_PID        set by zmx_run: only its direct child keeps the tracking
 //                      output name (the value of ZEM_MEM_TRACK); other
 //                      processes add ".<pid>" to it
-#include <dlfcn.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -23,12 +22,9 @@
 #include "core/startup.h"
 #include "mem/allocation.h"
 #include "mem/tracker/tracker.h"
+#include "platform/system_allocator.h"
 #include "preload_state.h"
 
-extern "C" {
-void* __libc_malloc(std::size_t size);
-void __libc_free(void* block);
-}
 
 namespace zmx_preload {
 
@@ -112,13 +108,12 @@ void BringUp() {
   // but the thread that first calls it is the one it attaches: were that a
   // later thread (the library's lock events, say), its exit would take the
   // count below the threads still attached and the C library would abort.
-  __libc_free(__libc_malloc(1));
+  zmx::platform::SystemFree(zmx::platform::SystemMalloc(1));
   mem_initialize(g_depth);
   g_alignByHand = std::getenv("ZEM_DEADBEEF") != nullptr;  // the allocator choice reads it too
   SwitchSmallObjectsOn();
   ApplyMemoryLimit();
   SetUpTracking();
-  g_libcUsableSize = reinterpret_cast<UsableSizeFunction>(dlsym(RTLD_NEXT, "malloc_usable_size"));
   g_state = kUp;
 }
 
@@ -127,7 +122,7 @@ void BringUp() {
 void TakeDown() {
   if (g_state != kUp) return;
   if (mem_Tracker_Interface::IsTrackingActive()) {
-    Inside inside;  // the C library's streams that write the files take from its own heap
+    Inside inside;  // what the tracker's shut-down allocates is not tracked by the tracker it closes
     mem_Tracker_Interface::Shutdown();
   }
   mem_finalize(g_depth);

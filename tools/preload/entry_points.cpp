@@ -13,17 +13,16 @@
 
 #include "bootstrap_arena.h"
 #include "mem/allocation.h"
+#include "platform/system_allocator.h"
 #include "preload_state.h"
 
 #define ZMX_PRELOAD_EXPORT extern "C" __attribute__((visibility("default")))
 
-extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* block, std::size_t size);
-void __libc_free(void* block);
-void* __libc_memalign(std::size_t alignment, std::size_t size);
-}
+using zmx::platform::SystemCalloc;
+using zmx::platform::SystemFree;
+using zmx::platform::SystemMalloc;
+using zmx::platform::SystemMemalign;
+using zmx::platform::SystemRealloc;
 
 namespace zmx_preload {
 
@@ -31,7 +30,6 @@ int g_state = kDown;
 bool g_roundTiny = false;
 bool g_alignByHand = false;
 thread_local bool t_inside __attribute__((tls_model("initial-exec"))) = false;
-UsableSizeFunction g_libcUsableSize = nullptr;
 
 namespace {
 
@@ -51,7 +49,7 @@ inline bool IsPowerOfTwo(std::size_t x) { return x != 0 && (x & (x - 1)) == 0; }
 // Requests the front door cannot take: from inside it (to the C library) or
 // before the library is up (to the arena).
 void* EarlyAlloc(std::size_t size, std::size_t alignment) {
-  if (t_inside) return NullMeansNoMemory(__libc_memalign(alignment, size));
+  if (t_inside) return NullMeansNoMemory(SystemMemalign(alignment, size));
   return NullMeansNoMemory(ArenaAlloc(size, alignment));
 }
 
@@ -66,7 +64,7 @@ void* Allocate(std::size_t size) {
     Inside inside;
     return NullMeansNoMemory(FrontDoorMalloc(size));
   }
-  return t_inside ? NullMeansNoMemory(__libc_malloc(size)) : EarlyAlloc(size, kMinAlignment);
+  return t_inside ? NullMeansNoMemory(SystemMalloc(size)) : EarlyAlloc(size, kMinAlignment);
 }
 
 void Release(void* block) {
@@ -78,7 +76,7 @@ void Release(void* block) {
     Inside inside;
     mem_Free(block);
   } else {
-    __libc_free(block);
+    SystemFree(block);
   }
 }
 
@@ -110,7 +108,7 @@ void* Resize(void* block, std::size_t size) {
     return nullptr;
   }
   if (ArenaContains(block)) return MoveOutOfArena(block, size);
-  if (t_inside || mem_OwnsBlock(block) == 0) return NullMeansNoMemory(__libc_realloc(block, size));
+  if (t_inside || mem_OwnsBlock(block) == 0) return NullMeansNoMemory(SystemRealloc(block, size));
   Inside inside;
   if (__builtin_expect(g_alignByHand, 0)) return NullMeansNoMemory(MoveAligned(block, size));
   return NullMeansNoMemory(mem_Realloc(block, Shaped(size)));
@@ -152,7 +150,7 @@ ZMX_PRELOAD_EXPORT void* calloc(std::size_t count, std::size_t size) noexcept {
     // request for nothing gets a distinct minimal block under every heap.
     return NullMeansNoMemory(bytes == 0 ? mem_Calloc(1, 1) : mem_Calloc(count, size));
   }
-  if (t_inside) return NullMeansNoMemory(__libc_calloc(count, size));
+  if (t_inside) return NullMeansNoMemory(SystemCalloc(count, size));
   return EarlyAlloc(bytes, kMinAlignment);  // arena memory is handed out only once: still zero
 }
 
@@ -206,5 +204,5 @@ ZMX_PRELOAD_EXPORT std::size_t malloc_usable_size(void* block) noexcept {
   if (block == nullptr) return 0;
   if (ArenaContains(block)) return ArenaBlockSize(block);
   if (mem_OwnsBlock(block) != 0) return mem_UsableSize(block);
-  return g_libcUsableSize != nullptr ? g_libcUsableSize(block) : 0;
+  return zmx::platform::SystemUsableSize(block);
 }

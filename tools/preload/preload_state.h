@@ -40,11 +40,6 @@ void BringUp();
 // Takes it down and writes the tracker's last batch; called at exit.
 void TakeDown();
 
-// The C library's own malloc_usable_size, for blocks that came from its heap
-// (null until bring-up found it).
-using UsableSizeFunction = std::size_t (*)(void*);
-extern UsableSizeFunction g_libcUsableSize;
-
 }  // namespace zmx_preload
 
 #endif  // ZMXUTI_TOOLS_PRELOAD_PRELOAD_STATE_H
