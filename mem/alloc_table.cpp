@@ -46,7 +46,7 @@ void* BootstrapRealloc(void* block, std::size_t size) {
   RunBootstrap();
   return g_table.realloc(block, size);
 }
-void BootstrapFree(void* block) {
+void BootstrapFree(void* block) noexcept {
   if (block == nullptr) return;
   RunBootstrap();
   g_table.free(block);

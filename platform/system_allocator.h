@@ -21,7 +21,7 @@ namespace platform {
 ZMXUTI_INTERNAL_API void* SystemMalloc(std::size_t size);
 ZMXUTI_INTERNAL_API void* SystemCalloc(std::size_t count, std::size_t size);
 ZMXUTI_INTERNAL_API void* SystemRealloc(void* block, std::size_t size);
-ZMXUTI_INTERNAL_API void SystemFree(void* block);  // null accepted
+ZMXUTI_INTERNAL_API void SystemFree(void* block) noexcept;  // null accepted
 // `size` bytes aligned to `alignment`, a power of two (any, 1 included); null
 // when the alignment is not one or memory runs out.
 ZMXUTI_INTERNAL_API void* SystemMemalign(std::size_t alignment, std::size_t size);

@@ -173,7 +173,7 @@ void* GuardedRealloc(void* block, std::size_t size) {
   return Dress(raw + kGuardFrontBytes, size, size);
 }
 
-void GuardedFree(void* block) {
+void GuardedFree(void* block) noexcept {
   if (block == nullptr) {
     SystemFree(nullptr);
     return;

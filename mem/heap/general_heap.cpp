@@ -356,7 +356,7 @@ void* dlmalloc(std::size_t size) {
   return mem;
 }
 
-void dlfree(void* block) {
+void dlfree(void* block) noexcept {
   if (block == nullptr) return;
   EnsureSetUp();
   HeapLockGuard guard(g_heap);

@@ -27,7 +27,7 @@ struct dl_mallinfo {
 extern "C" {
 
 ZMXUTI_API void* dlmalloc(std::size_t size);
-ZMXUTI_API void dlfree(void* block);
+ZMXUTI_API void dlfree(void* block) noexcept;
 ZMXUTI_API void* dlcalloc(std::size_t count, std::size_t size);
 ZMXUTI_API void* dlrealloc(void* block, std::size_t size);
 ZMXUTI_API void* dlmemalign(std::size_t alignment, std::size_t size);

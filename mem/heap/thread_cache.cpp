@@ -501,7 +501,7 @@ void* ThreadCacheMalloc(std::size_t size) {
   return HeapMallocReturningCaches(size);
 }
 
-void ThreadCacheFree(void* block) {
+void ThreadCacheFree(void* block) noexcept {
   if (block == nullptr) return;
   Chunk* p = FromMem(block);
   const std::size_t head = p->head;

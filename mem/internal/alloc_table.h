@@ -20,7 +20,7 @@ struct AllocTable {
   void* (*malloc)(std::size_t size);
   void* (*calloc)(std::size_t count, std::size_t size);
   void* (*realloc)(void* block, std::size_t size);
-  void (*free)(void* block);
+  void (*free)(void* block) noexcept;  // never throws: operator delete tail-calls it
   int (*trim)(std::size_t pad);
   int (*mallopt)(int parameter, int value);
   std::size_t (*footprint)();

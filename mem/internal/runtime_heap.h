@@ -15,7 +15,7 @@ namespace mem_internal {
 constexpr void* (*RuntimeMalloc)(std::size_t) = &platform::SystemMalloc;
 constexpr void* (*RuntimeCalloc)(std::size_t, std::size_t) = &platform::SystemCalloc;
 constexpr void* (*RuntimeRealloc)(void*, std::size_t) = &platform::SystemRealloc;
-constexpr void (*RuntimeFree)(void*) = &platform::SystemFree;
+constexpr void (*RuntimeFree)(void*) noexcept = &platform::SystemFree;
 constexpr void* (*RuntimeMemalign)(std::size_t, std::size_t) = &platform::SystemMemalign;
 constexpr std::size_t (*RuntimeUsableSize)(const void*) = &platform::SystemUsableSize;
 

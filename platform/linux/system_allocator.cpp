@@ -67,7 +67,7 @@ __attribute__((constructor)) void ResolveAtLoad() {
 void* SystemMalloc(std::size_t size) { return __libc_malloc(size); }
 void* SystemCalloc(std::size_t count, std::size_t size) { return __libc_calloc(count, size); }
 void* SystemRealloc(void* block, std::size_t size) { return __libc_realloc(block, size); }
-void SystemFree(void* block) { __libc_free(block); }
+void SystemFree(void* block) noexcept { __libc_free(block); }
 
 void* SystemMemalign(std::size_t alignment, std::size_t size) {
   if (alignment == 0 || (alignment & (alignment - 1)) != 0) return nullptr;

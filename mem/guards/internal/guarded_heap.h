@@ -33,7 +33,7 @@ void* GuardedCalloc(std::size_t count, std::size_t size);
 // fresh guards. On refusal the old block stays as it was and null is returned.
 void* GuardedRealloc(void* block, std::size_t size);
 // Tests the guards, then frees; null is passed on to the runtime free.
-void GuardedFree(void* block);
+void GuardedFree(void* block) noexcept;
 // The aligned operator new forms: `alignment` a power of two. Blocks aligned
 // beyond 8 bytes carry an offset word in front of the size word and a mark in
 // the size word's top bit, so that free finds their runtime block.

@@ -59,7 +59,7 @@ ZMXUTI_INTERNAL_API void ThreadCacheResetInChild();
 
 // ---- the cached entry points (the cached filling of the allocation table) ----
 ZMXUTI_INTERNAL_API void* ThreadCacheMalloc(std::size_t size);
-ZMXUTI_INTERNAL_API void ThreadCacheFree(void* block);
+ZMXUTI_INTERNAL_API void ThreadCacheFree(void* block) noexcept;
 ZMXUTI_INTERNAL_API void* ThreadCacheCalloc(std::size_t count, std::size_t size);
 ZMXUTI_INTERNAL_API void* ThreadCacheRealloc(void* block, std::size_t size);
 ZMXUTI_INTERNAL_API void* ThreadCacheMemalign(std::size_t alignment, std::size_t size);
