@@ -345,15 +345,27 @@ using zmx::mem_internal::heap::g_heap;
 using zmx::mem_internal::heap::HeapLockGuard;
 using zmx::mem_internal::heap::MallocFromSmallBin;
 
+namespace {
+
+// One request served under the heap lock, the debug walk after it.
+template <typename Request>
+inline void* UnderHeapLock(Request request) {
+  EnsureSetUp();
+  HeapLockGuard guard(g_heap);
+  void* mem = request();
+  ZMX_HEAP_DEBUG_CHECK(g_heap);
+  return mem;
+}
+
+}  // namespace
+
 extern "C" {
 
 void* dlmalloc(std::size_t size) {
-  EnsureSetUp();
-  HeapLockGuard guard(g_heap);
-  void* mem = MallocFromSmallBin(g_heap, size);
-  if (mem == nullptr) mem = g_heap.Malloc(size);
-  ZMX_HEAP_DEBUG_CHECK(g_heap);
-  return mem;
+  return UnderHeapLock([size] {
+    void* mem = MallocFromSmallBin(g_heap, size);
+    return mem != nullptr ? mem : g_heap.Malloc(size);
+  });
 }
 
 void dlfree(void* block) noexcept {
@@ -365,11 +377,7 @@ void dlfree(void* block) noexcept {
 }
 
 void* dlcalloc(std::size_t count, std::size_t size) {
-  EnsureSetUp();
-  HeapLockGuard guard(g_heap);
-  void* mem = g_heap.Calloc(count, size);
-  ZMX_HEAP_DEBUG_CHECK(g_heap);
-  return mem;
+  return UnderHeapLock([count, size] { return g_heap.Calloc(count, size); });
 }
 
 void* dlrealloc(void* block, std::size_t size) {
@@ -379,19 +387,11 @@ void* dlrealloc(void* block, std::size_t size) {
     dlfree(block);
     return nullptr;
   }
-  EnsureSetUp();
-  HeapLockGuard guard(g_heap);
-  void* mem = g_heap.Realloc(block, size);
-  ZMX_HEAP_DEBUG_CHECK(g_heap);
-  return mem;
+  return UnderHeapLock([block, size] { return g_heap.Realloc(block, size); });
 }
 
 void* dlmemalign(std::size_t alignment, std::size_t size) {
-  EnsureSetUp();
-  HeapLockGuard guard(g_heap);
-  void* mem = g_heap.Memalign(alignment, size);
-  ZMX_HEAP_DEBUG_CHECK(g_heap);
-  return mem;
+  return UnderHeapLock([alignment, size] { return g_heap.Memalign(alignment, size); });
 }
 
 std::size_t dlmalloc_usable_size(void* block) {
