@@ -91,8 +91,8 @@ void UnlockGeneralHeapAfterFork() {
   heap::g_paramLock.Release();
 }
 void ResetGeneralHeapInForkChild() {
-  ResetLockInChild(heap::g_heap.lock);
-  ResetLockInChild(heap::g_paramLock);
+  heap::g_heap.lock.ResetInForkChild();
+  heap::g_paramLock.ResetInForkChild();
 }
 
 HeapParameterView GeneralHeapParameters() {

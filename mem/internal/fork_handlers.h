@@ -15,10 +15,6 @@
 #ifndef ZMXUTI_MEM_INTERNAL_FORK_HANDLERS_H
 #define ZMXUTI_MEM_INTERNAL_FORK_HANDLERS_H
 
-#include <new>
-
-#include "mem/heap/internal/counting_lock.h"
-
 namespace zmx {
 namespace mem_internal {
 
@@ -42,15 +38,6 @@ void ResetSmallObjectsInForkChild(); // child: sets it free
 void LockGeneralHeapForFork();       // takes them in that order
 void UnlockGeneralHeapAfterFork();   // parent: releases them in reverse
 void ResetGeneralHeapInForkChild();  // child: sets them free
-
-// A lock whose holder and waiters are gone: a free lock takes its place. Its
-// event, if it had one, is left behind (a few bytes of the system allocator
-// per fork), as signalling or waiting on it could only hand the lock to
-// threads that do not exist.
-inline void ResetLockInChild(CountingLock& lock) {
-  lock.~CountingLock();
-  new (&lock) CountingLock();
-}
 
 }  // namespace mem_internal
 }  // namespace zmx

@@ -212,7 +212,7 @@ void SetLocking(bool on) {
 
 void LockSmallObjectsForFork() { small_objects::g_lock.Acquire(); }
 void UnlockSmallObjectsAfterFork() { small_objects::g_lock.Release(); }
-void ResetSmallObjectsInForkChild() { ResetLockInChild(small_objects::g_lock); }
+void ResetSmallObjectsInForkChild() { small_objects::g_lock.ResetInForkChild(); }
 
 }  // namespace mem_internal
 }  // namespace zmx

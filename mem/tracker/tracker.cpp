@@ -185,10 +185,10 @@ void UnlockTrackerAfterFork() {
 }
 void ResetTrackerInForkChild() {
   if (mem_tracker::Tracker* t = mem_tracker::ExistingInstance()) {
-    ResetLockInChild(t->lock);
-    ResetLockInChild(t->phaseLock);
+    t->lock.ResetInForkChild();
+    t->phaseLock.ResetInForkChild();
   }
-  ResetLockInChild(mem_tracker::g_creationLock);
+  mem_tracker::g_creationLock.ResetInForkChild();
 }
 
 }  // namespace mem_internal

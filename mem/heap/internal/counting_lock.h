@@ -30,6 +30,13 @@ class CountingLock {
   void Release() {
     if (ZMX_UNLIKELY(counter_.fetch_sub(1, std::memory_order_release) - 1 > 0)) HandOver();
   }
+  // In a forked child, where the holder and every waiter are gone: the lock is
+  // free again. Its event may hold a signal meant for a waiter that no longer
+  // exists, so it is closed; the next contention creates a fresh one.
+  void ResetInForkChild() {
+    counter_.store(0, std::memory_order_relaxed);
+    if (platform::Event* e = event_.exchange(nullptr, std::memory_order_relaxed)) platform::CloseEvent(e);
+  }
 
  private:
   platform::Event* EnsureEvent() {
