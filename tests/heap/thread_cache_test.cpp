@@ -144,28 +144,20 @@ TEST(ThreadCache, ChosenByAValueThatDoesNotBeginWithZero) {
   EXPECT_EQ(zmx_test::RunProbe("heap_probe", "cache_choice").out, "cache 0\n");
 }
 
-TEST(ThreadCache, ARequestThatOnlyCachedChunksCanServeIsServedUnderTheLimit) {
-  EXPECT_EQ(CachedScenario("cache_limit"),
-            "cached 1\n"
-            "served_after_return 1\n"
-            "status -1\n"
-            "cache_emptied 1\n");
-}
-
-TEST(ThreadCache, TrimReturnsTheCachesFirst) {
-  EXPECT_EQ(CachedScenario("cache_trim"),
-            "cached 1\n"
-            "trimmed 1\n"
-            "footprint_dropped 1\n");
-}
-
-TEST(ThreadCache, ForkStepsLeaveTheChildWithItsOwnCacheOnly) {
-  EXPECT_EQ(CachedScenario("cache_fork"),
-            "child_caches 1\n"
-            "child_holds_only_its_own 1\n"
-            "child_heap_consistent 1\n"
-            "child_exit 0\n"
-            "parent_caches_after_join 1\n");
+// Every cache goes back to the heap when a request would be refused by the
+// limit, before a trim, and around a fork (the child keeps its own cache only).
+TEST(ThreadCache, CachesGoBackOnALimitRefusalOnTrimAndAroundFork) {
+  const struct {
+    const char* scenario;
+    const char* expected;
+  } cases[] = {
+      {"cache_limit", "cached 1\nserved_after_return 1\nstatus -1\ncache_emptied 1\n"},
+      {"cache_trim", "cached 1\ntrimmed 1\nfootprint_dropped 1\n"},
+      {"cache_fork",
+       "child_caches 1\nchild_holds_only_its_own 1\nchild_heap_consistent 1\nchild_exit 0\n"
+       "parent_caches_after_join 1\n"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(CachedScenario(c.scenario), c.expected) << c.scenario;
 }
 
 }  // namespace
